@@ -1,0 +1,64 @@
+# The kinds of targets, each made from the .cpp files of the calling folder.
+
+# orvex_pch(TARGET HEADER ...): headers that are compiled once, for targets that call orvex_use_pch.
+# The asan preset builds without them: a file that forgot an include fails there.
+function(orvex_pch target)
+  if(ORVEX_PCH)
+    add_library(${target} STATIC ${CMAKE_SOURCE_DIR}/cmake/pch.cpp)
+    target_precompile_headers(${target} PRIVATE ${ARGN})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      target_compile_options(${target} PRIVATE -fpch-preprocess)  # for ccache to see what is inside
+    endif()
+  endif()
+endfunction()
+
+function(orvex_use_pch target headers)
+  if(ORVEX_PCH)
+    target_precompile_headers(${target} REUSE_FROM ${headers})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+      target_compile_options(${target} PRIVATE -fpch-preprocess)
+    endif()
+  endif()
+endfunction()
+
+set(ORVEX_STANDARD_HEADERS
+  <algorithm> <array> <atomic> <chrono> <condition_variable> <cstdint> <cstring> <deque> <functional>
+  <map> <memory> <mutex> <optional> <span> <stdexcept> <string> <string_view> <thread> <tuple>
+  <unordered_map> <utility> <vector>)
+orvex_pch(orvex_standard_pch ${ORVEX_STANDARD_HEADERS})
+
+# Links those of the targets that exist: a library whose folder has no sources yet has none.
+function(orvex_link target visibility)
+  foreach(library IN LISTS ARGN)
+    if(TARGET ${library})
+      target_link_libraries(${target} ${visibility} ${library})
+    endif()
+  endforeach()
+endfunction()
+
+# orvex_library(TARGET [LIBRARY ...]): a static library; those after it are linked publicly.
+# Includes name files from the repository's root ("lib/platform/device_path.h").
+function(orvex_library target)
+  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  if(NOT sources)
+    return()
+  endif()
+  add_library(${target} STATIC ${sources})
+  target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR})
+  orvex_link(${target} PUBLIC ${ARGN})
+  orvex_use_pch(${target} orvex_standard_pch)
+endfunction()
+
+# orvex_program(TARGET LIBRARY ...): a program. It waits for the first library, which it is a thin
+# front of.
+function(orvex_program target main_library)
+  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  if(NOT sources OR NOT TARGET ${main_library})
+    return()
+  endif()
+  add_executable(${target} ${sources})
+  target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR})
+  target_compile_definitions(${target} PRIVATE ORVEX_VERSION="${PROJECT_VERSION}")
+  orvex_link(${target} PRIVATE ${main_library} ${ARGN})
+  orvex_use_pch(${target} orvex_standard_pch)
+endfunction()

@@ -1,0 +1,1 @@
+// Gives a set of precompiled headers a target to belong to.
