@@ -10,7 +10,9 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
 set(CMAKE_CXX_FLAGS_DEBUG "-Og -g")
 
-add_compile_options(-Wall -Wextra)
+# A product and a sum stay two operations: results must not differ between processors that can fuse
+# them and those that cannot.
+add_compile_options(-Wall -Wextra -ffp-contract=off)
 if(ORVEX_WERROR)
   add_compile_options(-Werror)
 endif()

@@ -1,0 +1,110 @@
+// The root holds little: the storages that every device has, the folders that services write to,
+// and a link from SD: to the script's own folder. Removing it removes the link, never what it leads
+// to.
+#include "apps/plumscript/private_root.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "apps/plumscript/output.h"
+#include "apps/plumscript/version.h"
+
+namespace {
+
+// Nothing can lie below a file.
+constexpr char kNoRoot[] = "/dev/null/orvex";
+constexpr const char* kFolders[] = {"/etc", "/storage", "/storage/sys", "/storage/tmp",
+                                    "/var", "/var/run", "/var/lib",     "/var/lib/orvex"};
+// Folders inside one another that removal follows: one descriptor each, and a bounded stack.
+constexpr int kMaxDepth = 200;
+
+char g_path[PATH_MAX];
+std::atomic<bool> g_made{false};
+std::string g_folder;
+
+void RemoveTree(int at, const char* name, int depth) {
+  if (::unlinkat(at, name, 0) == 0 || depth == kMaxDepth) return;
+  const int fd = ::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  // Some file systems skip entries when others are removed during a pass, so passes are repeated
+  // until the folder goes or a pass removes nothing more.
+  for (int passes = 0; passes < 64; ++passes) {
+    alignas(dirent64) char entries[1024];
+    long n;
+    while ((n = ::syscall(SYS_getdents64, fd, entries, sizeof(entries))) > 0) {
+      for (long i = 0; i < n;) {
+        const auto* entry = reinterpret_cast<const dirent64*>(entries + i);
+        i += entry->d_reclen;
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+          RemoveTree(fd, entry->d_name, depth + 1);
+        }
+      }
+    }
+    if (::unlinkat(at, name, AT_REMOVEDIR) == 0 || errno != ENOTEMPTY) break;
+    ::lseek(fd, 0, SEEK_SET);
+  }
+  ::close(fd);
+}
+
+bool LayOut(const std::string& root) {
+  for (const char* folder : kFolders) {
+    if (::mkdir((root + folder).c_str(), 0755) != 0) return false;
+  }
+  if (::symlink(g_folder.c_str(), (root + "/storage/sd").c_str()) != 0) return false;
+  const int fd =
+      ::open((root + "/etc/orvex-version").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  const std::string version = std::string(kPlumscriptVersion) + "\n";
+  const bool written = ::write(fd, version.data(), version.size()) == ssize_t(version.size());
+  return ::close(fd) == 0 && written;
+}
+
+}  // namespace
+
+void SetPrivateRootFolder(const std::string& folder) {
+  g_folder = folder;
+  if (!g_made) return;
+  const std::string link = std::string(g_path) + "/storage/sd";
+  ::unlink(link.c_str());
+  if (::symlink(folder.c_str(), link.c_str()) != 0) {
+    Out().Error("plumscript: " + link + ": " + std::strerror(errno) + "\n");
+  }
+}
+
+std::string MakePrivateRoot() {
+  const char* temporary = std::getenv("TMPDIR");
+  std::string root = temporary != nullptr && temporary[0] == '/' ? temporary : "/tmp";
+  root += "/plumscript-XXXXXX";
+  bool made = root.size() < sizeof(g_path);
+  if (!made) errno = ENAMETOOLONG;
+  if (made) {
+    // A signal between making the folder and noting its name would leave it behind.
+    sigset_t all, before;
+    ::sigfillset(&all);
+    ::sigprocmask(SIG_BLOCK, &all, &before);
+    if (::mkdtemp(root.data()) != nullptr) {
+      std::memcpy(g_path, root.c_str(), root.size() + 1);
+      g_made = true;
+    } else {
+      made = false;
+    }
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+  }
+  if (made && LayOut(root)) return root;
+  Out().Error("plumscript: cannot make a device root " + root + ": " + std::strerror(errno) + "\n");
+  return kNoRoot;
+}
+
+void RemovePrivateRoot() {
+  if (g_made.exchange(false)) RemoveTree(AT_FDCWD, g_path, 0);
+}

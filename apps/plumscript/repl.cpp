@@ -1,0 +1,97 @@
+// repl: statements are compiled onto the end of an empty Main, whose one frame lives until the end
+// of input, and run there. A statement that only lacks its end is kept until more lines complete
+// it.
+#include <algorithm>
+
+#include "apps/plumscript/commands.h"
+#include "apps/plumscript/host.h"
+#include "apps/plumscript/line_reader.h"
+#include "apps/plumscript/output.h"
+
+namespace {
+
+constexpr char kPrompt[] = "> ";
+constexpr char kContinuationPrompt[] = "... ";
+// A statement, all its lines together.
+constexpr size_t kMaxStatement = 1024 * 1024;
+
+bool LacksItsEnd(const psCompileErrors& errors) {
+  return !errors.empty() && std::all_of(errors.begin(), errors.end(), [](const psCompileError& e) {
+    return e.code == kPsBlockNotTerminated;
+  });
+}
+
+void RunStatement(Host& host, uint32_t start) {
+  psProc* p = host.process();
+  // A break that came too late for the statement before is not meant for this one.
+  if ((p->break_word & kPsBreakSticky) == 0) p->break_word &= ~kPsBreakCodeMask;
+  psStatus status;
+  {
+    const Host::Run run(host);
+    status = psRunAppended(p, start);
+  }
+  if (status == kPsNormalEnd || status == kPsOkay || status == kPsReturned) return;
+  p->last_status = status;
+  host.PrintRuntimeError();
+}
+
+int ReadAndRun(Host& host, LineReader& reader) {
+  psProc* p = host.process();
+  std::string statement;
+  std::string line;
+  psCompileErrors errors;  // of the statement that lacks its end
+  while (host.requested() == kExitNormal && Out().failure() == 0) {
+    Out().Flush();
+    if (reader.interactive() && !io_at_line_start(host.console())) {
+      io_putc(host.console(), '\n');
+    }
+    const LineReader::Result result =
+        reader.Read(statement.empty() ? kPrompt : kContinuationPrompt, &line);
+    if (result == LineReader::Result::kEnd) {
+      host.PrintCompileErrors(errors);
+      return kExitNormal;
+    }
+    const bool too_long =
+        result == LineReader::Result::kTooLong || statement.size() + line.size() > kMaxStatement;
+    if (too_long) {
+      Out().Error("plumscript: a statement has at most " + std::to_string(kMaxStatement) +
+                  " bytes\n");
+    }
+    if (too_long || result == LineReader::Result::kInterrupted) {
+      statement.clear();
+      errors.clear();
+      continue;
+    }
+
+    statement += line;
+    statement += '\n';
+    uint32_t start = 0;
+    errors = LiveCompile(statement, p->mod, p->ctx->sub, &start, p->domain);
+    if (LacksItsEnd(errors)) continue;
+    host.PrintCompileErrors(errors);
+    if (errors.empty()) RunStatement(host, start);
+    errors.clear();
+    statement.clear();
+  }
+  return host.requested();
+}
+
+}  // namespace
+
+int RunInteractively() {
+  Host host;
+  host.SetScript(nullptr);
+  const auto reader = LineReader::Make(kMaxStatement);
+  if (!scriptCompileText(host.process(), "\n", "$REPL")) {
+    host.PrintCompileErrors();
+    return kExitLoadError;
+  }
+  if (const psStatus status = psBeginFrame(host.process(), host.console()); status != kPsOkay) {
+    host.process()->last_status = status;
+    host.PrintRuntimeError();
+    return kExitRuntimeError;
+  }
+  const int status = ReadAndRun(host, *reader);
+  psEndFrame(host.process());
+  return status;
+}

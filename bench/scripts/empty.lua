@@ -1,0 +1,1 @@
+-- What starting and ending costs.

@@ -1,0 +1,207 @@
+// How texts reach the compiler: source files, the libraries that they name, and statements that are
+// compiled into a function of a finished module.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+#include "comp_internal.h"
+#include "hooks.h"
+
+namespace {
+
+constexpr size_t kLongestMappedPath = 512;
+
+std::vector<std::string>& libraryPrefixes() {
+  static std::vector<std::string> prefixes;
+  return prefixes;
+}
+
+// The whole of a plain file, up to the limit of sources.
+bool readFile(const std::string& path, std::string* bytes) {
+  const int fd = psHooks().openFile(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0);
+  if (fd < 0) return false;
+  struct stat st = {};
+  bool good = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size >= 0 &&
+              static_cast<uint64_t>(st.st_size) <= kPsMaxSourceBytes;
+  if (good) {
+    bytes->resize(static_cast<size_t>(st.st_size));
+    size_t done = 0;
+    while (done < bytes->size()) {
+      const ssize_t n = read(fd, bytes->data() + done, bytes->size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      done += static_cast<size_t>(n);
+    }
+    good = done == bytes->size();
+  }
+  close(fd);
+  return good;
+}
+
+// A graphic character or white space of the default locale.
+bool isText(char c) { return (c >= '!' && c <= '~') || c == ' ' || (c >= '\t' && c <= '\r'); }
+
+psStatus readSource(const std::string& path, std::string* text, bool* enciphered) {
+  constexpr std::string_view kEnciphered = ".eplm";
+  std::string bytes;
+  if (!readFile(path, &bytes)) return kPsErrorLoadingFile;
+  if (path.size() > kEnciphered.size() && path.ends_with(kEnciphered)) {
+    std::string plain;
+    if (!psHooks().decipherSource(bytes, &plain)) return kPsErrorLoadingFile;
+    bytes.swap(plain);
+    *enciphered = true;
+  }
+  if (bytes.starts_with("\xfe\xff") || bytes.starts_with("\xff\xfe")) {
+    return kPsUnicodeNotSupported;
+  }
+  if (bytes.starts_with("\xef\xbb\xbf")) bytes.erase(0, 3);
+  if (!bytes.empty() && !isText(bytes[0])) return kPsErrorLoadingFile;
+  text->swap(bytes);
+  return kPsOkay;
+}
+
+// Compiles a library's text in the place of the LIBRARY statement.
+psStatus compileLibrary(psParser* p, const std::string& text, const std::string& path) {
+  if (p->library_depth >= kPsMaxLibraryDepth || p->library_files >= kPsMaxLibraryFiles) {
+    return kPsInternalLimit;
+  }
+  const psLexer outer = p->lex;
+  p->library_depth++;
+  p->library_files++;
+  lexInit(p, text.c_str(), 1, modAddFileName(p->module, path));
+  const psStatus err = MatchProgram(p);
+  p->library_depth--;
+  p->lex = outer;
+  return err;
+}
+
+}  // namespace
+
+void compSetLibraryPrefixes(std::vector<std::string> prefixes) {
+  libraryPrefixes() = std::move(prefixes);
+}
+
+bool ReadScriptSource(const std::string& native_path, std::string* text, psStatus* error,
+                      bool* enciphered) {
+  *enciphered = false;
+  *error = kPsErrorLoadingFile;
+  try {
+    *error = readSource(native_path, text, enciphered);
+  } catch (const std::bad_alloc&) {
+  }
+  return *error == kPsOkay;
+}
+
+psStatus MatchLIBRARY(psParser* p) {
+  std::string_view name;
+  psStatus err = required(lexString(p, &name));
+  if (err != kPsOkay) return err;
+  psStatus result = kPsOkay;  // a name that no prefix makes a path of is ignored
+  for (const std::string& prefix : libraryPrefixes()) {
+    const std::string path = prefix + std::string(name);
+    std::string native;
+    if (!psHooks().mapFilename(path, &native) || native.size() > kLongestMappedPath) continue;
+    std::string text;
+    bool enciphered = false;
+    if (!ReadScriptSource(native, &text, &err, &enciphered)) {
+      result = err;
+      continue;
+    }
+    err = compileLibrary(p, text, native);
+    return err == kPsOkay ? required(lexEndOfStatement(p)) : err;
+  }
+  return result;
+}
+
+// --- Live compilation -------------------------------------------------------------------------
+
+namespace {
+
+// The module and the function as they were; constants and names may stay.
+struct LiveUndo {
+  size_t code;
+  size_t lines;
+  size_t functions;
+  size_t variables;
+  size_t labels;
+};
+
+LiveUndo liveUndo(const psModule* module, const psFunction* function) {
+  return {function->code.size(), module->lines.size(), module->function_list.size(),
+          function->variables.size(), function->labels.size()};
+}
+
+void undoLive(psModule* module, psFunction* function, const LiveUndo& undo) {
+  while (module->lines.size() > undo.lines) module->lines.pop_back();
+  while (module->function_list.size() > undo.functions) {
+    psFunction* added = &module->function_list.back();
+    hashRemove(module->function_table, added->name);
+    subFree(added);
+    module->function_list.pop_back();
+  }
+  function->code.resize(undo.code);
+  function->variables.resize(undo.variables);
+  function->labels.resize(undo.labels);
+}
+
+const std::string* liveFileName(psModule* module) {
+  constexpr std::string_view kName = "$LIVECOMPILE";
+  if (!module->file_names.empty() && module->file_names.back() == kName) {
+    return &module->file_names.back();
+  }
+  return modAddFileName(module, kName);
+}
+
+// Appends the text's code to a copy of the function's; the copy takes the code's place when the
+// text has compiled. References, which are in the new code only, are resolved there.
+void compileLive(psParser* p, const char* text, psFunction* function) {
+  psModule* module = p->module;
+  const int32_t line = module->lines.empty() ? 1 : module->lines.back().line_num + 1;
+  lexInit(p, text, line, liveFileName(module));
+  p->sp.sub = function;
+  p->sp.parent = function->parent;
+  p->sp.code.bytes = function->code;
+  p->lex.line_pc_start = pcNow(p);
+  const psStatus err = required(MatchStatements(p, kEndWordEof));
+  if (err != kPsOkay) {
+    AddError(p, err);
+    return;
+  }
+  emit(p, kOpEnd);
+  mpResolveGotos(p);
+  if (!p->errors.empty()) return;
+  function->code.swap(p->sp.code.bytes);
+  mpResolveReferences(p);
+}
+
+}  // namespace
+
+psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction* function,
+                            uint32_t* start, pscDomain* domain) {
+  const LiveUndo undo = liveUndo(module, function);
+  psCompileErrors errors;
+  try {
+    psParser p;
+    p.module = module;
+    p.domain = domain;
+    if (text.size() > kPsMaxSourceBytes) throw std::bad_alloc();
+    const std::string copy(text.substr(0, text.find('\0')));
+    compileLive(&p, copy.c_str(), function);
+    errors = std::move(p.errors);
+    if (errors.empty()) {
+      lexFinishLineData(module);
+      modLink(module);
+      *start = static_cast<uint32_t>(undo.code);
+      return errors;
+    }
+  } catch (const std::bad_alloc&) {
+    psCompileError& error = errors.emplace_back();
+    error.code = kPsOutOfMemory;
+    error.file = "$LIVECOMPILE";
+  }
+  undoLive(module, function, undo);
+  return errors;
+}

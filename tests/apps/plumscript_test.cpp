@@ -1,0 +1,482 @@
+// The command line tool as its users see it: streams, exit statuses, signals, a terminal.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::steady_clock;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+// Generous, for a loaded machine under a sanitizer; nothing waits for it when all is well.
+constexpr std::chrono::seconds kPatience{20};
+
+// A run of the tool with its three streams in our hands.
+class Tool {
+ public:
+  explicit Tool(const std::vector<std::string>& arguments, const fs::path& folder,
+                bool terminal = false, const std::vector<std::string>& environment = {}) {
+    int in[2] = {-1, -1}, out[2], err[2];
+    EXPECT_EQ(::pipe2(err, O_CLOEXEC), 0);
+    if (terminal) {
+      EXPECT_EQ(::openpty(&m_in, &in[0], nullptr, nullptr, nullptr), 0);
+      m_out = ::dup(m_in);
+      out[1] = ::dup(in[0]);
+    } else {
+      EXPECT_EQ(::pipe2(in, O_CLOEXEC), 0);
+      EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
+      m_in = in[1];
+      m_out = out[0];
+    }
+    m_err = err[0];
+    std::vector<std::string> words = {PLUMSCRIPT_PROGRAM};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      ::setsid();
+      ::dup2(in[0], STDIN_FILENO);
+      ::dup2(out[1], STDOUT_FILENO);
+      ::dup2(err[1], STDERR_FILENO);
+      if (terminal) ::ioctl(STDIN_FILENO, TIOCSCTTY, 0);
+      for (int fd = 3; fd < 64; ++fd) ::close(fd);
+      ::unsetenv("ORVEX_ROOT");
+      ::setenv("TERM", "xterm", 1);
+      for (const std::string& variable : environment) ::putenv(const_cast<char*>(variable.c_str()));
+      ::signal(SIGINT, SIG_DFL);
+      if (::chdir(folder.c_str()) == 0) ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
+    ::close(in[0]);
+    ::close(out[1]);
+    ::close(err[1]);
+  }
+  ~Tool() {
+    if (m_pid > 0 && !m_ended) ::kill(m_pid, SIGKILL);
+    Wait();
+    for (const int fd : {m_in, m_out, m_err}) {
+      if (fd >= 0) ::close(fd);
+    }
+  }
+
+  void Type(const std::string& text) {
+    EXPECT_EQ(::write(m_in, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void EndInput() {
+    ::close(m_in);
+    m_in = -1;
+  }
+  void CloseOutput() {
+    ::close(m_out);
+    m_out = -1;
+  }
+  void Signal(int signal) { ::kill(m_pid, signal); }
+
+  // Reads until standard output holds the text, counted from where the last call stopped.
+  bool Expect(const std::string& text) {
+    const auto deadline = steady_clock::now() + kPatience;
+    for (;;) {
+      const size_t found = out.find(text, m_seen);
+      if (found != std::string::npos) {
+        m_seen = found + text.size();
+        return true;
+      }
+      if (!ReadSome(deadline)) break;
+    }
+    ADD_FAILURE() << "no '" << text << "' in:\n" << out.substr(m_seen) << "\nerrors:\n" << err;
+    return false;
+  }
+
+  // Reads both streams to their ends. The exit status, or 1000 + the signal that ended the tool.
+  int Finish() {
+    const auto deadline = steady_clock::now() + kPatience;
+    while (ReadSome(deadline)) {
+    }
+    if (m_out >= 0 || m_err >= 0) ::kill(m_pid, SIGKILL);
+    Wait();
+    return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 1000 + WTERMSIG(m_status);
+  }
+
+  std::string out, err;
+
+ private:
+  bool ReadSome(steady_clock::time_point deadline) {
+    if (m_out < 0 && m_err < 0) return false;
+    pollfd streams[] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
+    if (left.count() <= 0 || ::poll(streams, 2, static_cast<int>(left.count())) <= 0) return false;
+    ReadFrom(streams[0], &m_out, &out);
+    ReadFrom(streams[1], &m_err, &err);
+    return true;
+  }
+  static void ReadFrom(const pollfd& stream, int* fd, std::string* to) {
+    if (*fd < 0 || stream.revents == 0) return;
+    char block[4096];
+    const ssize_t n = ::read(*fd, block, sizeof(block));
+    if (n > 0) {
+      to->append(block, static_cast<size_t>(n));
+    } else {  // a terminal ends with EIO
+      ::close(*fd);
+      *fd = -1;
+    }
+  }
+  void Wait() {
+    if (m_ended) return;
+    ::waitpid(m_pid, &m_status, 0);
+    m_ended = true;
+  }
+
+  pid_t m_pid = -1;
+  int m_in = -1, m_out = -1, m_err = -1;
+  int m_status = 0;
+  bool m_ended = false;
+  size_t m_seen = 0;
+};
+
+class PlumscriptTest : public testing::Test {
+ protected:
+  PlumscriptTest() {
+    ::signal(SIGPIPE, SIG_IGN);  // a tool that ended early must not take the tests along
+    std::string folder = testing::TempDir() + "plumscript-XXXXXX";
+    m_folder = ::mkdtemp(folder.data());
+    fs::create_directory(m_folder / "temporary");
+  }
+  ~PlumscriptTest() override {
+    // Whatever happened, no private root stays behind.
+    EXPECT_TRUE(fs::is_empty(m_folder / "temporary"));
+    fs::remove_all(m_folder);
+  }
+
+  std::string Script(const std::string& text, const std::string& name = "a.plm") {
+    std::ofstream(m_folder / name, std::ios::binary) << text;
+    return name;
+  }
+  Tool Start(const std::vector<std::string>& arguments, bool terminal = false) {
+    return Tool(arguments, m_folder, terminal, {"TMPDIR=" + (m_folder / "temporary").string()});
+  }
+  struct Outcome {
+    int status;
+    std::string out, err;
+  };
+  Outcome Run(const std::vector<std::string>& arguments, const std::string& input = "") {
+    Tool tool = Start(arguments);
+    if (!input.empty()) tool.Type(input);
+    tool.EndInput();
+    const int status = tool.Finish();
+    return {status, tool.out, tool.err};
+  }
+
+  fs::path m_folder;
+};
+
+constexpr char kUsageStart[] = "usage: plumscript run [--root DIR] FILE [ARG ...]\n";
+
+// --- The command line -------------------------------------------------------------------------
+
+TEST_F(PlumscriptTest, WrongUsageIs64WithTheUsageOnStandardError) {
+  const std::string script = Script("print 1\n");
+  for (const std::vector<std::string>& arguments :
+       std::initializer_list<std::vector<std::string>>{{},
+                                                       {"frobnicate"},
+                                                       {"run"},
+                                                       {"run", "--root"},
+                                                       {"run", "--root", "missing-folder", script},
+                                                       {"run", "--verbose", script},
+                                                       {"check"},
+                                                       {"disasm"},
+                                                       {"disasm", script, script},
+                                                       {"repl", script},
+                                                       {"classes", "koList", "koArray"},
+                                                       {"--help", "me"}}) {
+    const Outcome outcome = Run(arguments);
+    EXPECT_EQ(outcome.status, 64);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_THAT(outcome.err, HasSubstr(kUsageStart));
+  }
+}
+
+TEST_F(PlumscriptTest, HelpAndVersionGoToStandardOutput) {
+  const Outcome help = Run({"--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.out, testing::StartsWith(kUsageStart));
+  EXPECT_EQ(help.err, "");
+  const Outcome version = Run({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.out, testing::MatchesRegex("plumscript [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+// --- run: statuses and streams ----------------------------------------------------------------
+
+TEST_F(PlumscriptTest, TheExitStatusIsTheScriptResult) {
+  struct Row {
+    const char* text;
+    int status;
+    const char* err;
+  };
+  for (const Row& row : {
+           Row{"sub main()\nend sub\n", 0, ""},
+           Row{"sub main()\nother()\nend sub\nsub other()\nend\nend sub\n", 0, ""},
+           Row{"sub main()\nx = 1 +\nend sub\n", 1,
+               "Syntax Error. (compile error &h02) in a.plm(2)\n"},
+           Row{"\001", 1, "Error loading file. (compile error &hb9) in a.plm\n"},
+           Row{"\xff\xfep\0", 1, "Error: Unicode not supported. (compile error &he1) in a.plm\n"},
+           Row{"sub main()\nprint 1/0\nend sub\n", 2,
+               "Divide by Zero. (runtime error &h14) in a.plm(2)\n"},
+           Row{"sub main()\nstop\nend sub\n", 2, "STOP (runtime error &hf7) in a.plm(2)\n"},
+           Row{"sub other()\nend sub\n", 2, "No Main() Found. (runtime error &hac)\n"},
+           Row{"sub main(a, b)\nend sub\n", 2,
+               "Wrong number of function parameters. (runtime error &hf1)"},
+           Row{"sub main()\nRestartScript()\nprint 1\nend sub\n", 4,
+               "RestartScript requested by script\n"},
+           Row{"sub main()\nRestartApplication()\nend sub\n", 5,
+               "RestartApplication requested by script\n"},
+           Row{"sub main()\nRebootSystem()\nend sub\n", 6, "Reboot requested by Plumscript\n"},
+           Row{"sub main()\nShutdownSystem()\nend sub\n", 7, "Halt requested by script\n"},
+       }) {
+    const Outcome outcome = Run({"run", Script(row.text)});
+    EXPECT_EQ(outcome.status, row.status) << row.text;
+    EXPECT_EQ(outcome.out, "") << row.text;
+    if (*row.err == '\0') {
+      EXPECT_EQ(outcome.err, "") << row.text;
+    } else {
+      EXPECT_THAT(outcome.err, testing::StartsWith(row.err)) << row.text;
+    }
+  }
+}
+
+TEST_F(PlumscriptTest, WhatIsNoFileIs3) {
+  fs::create_directory(m_folder / "folder.plm");
+  EXPECT_EQ(Run({"run", "missing.plm"}).status, 3);
+  EXPECT_EQ(Run({"run", "missing.plm"}).err,
+            "plumscript: missing.plm: No such file or directory\n");
+  EXPECT_EQ(Run({"run", "folder.plm"}).status, 3);
+  EXPECT_EQ(Run({"run", std::string(5000, 'n')}).status, 3);
+  EXPECT_EQ(Run({"check", Script("x=\n"), "missing.plm"}).status, 3);
+}
+
+TEST_F(PlumscriptTest, MainGetsTheArguments) {
+  const std::string script =
+      Script("sub main(a)\nprint a.count()\nfor each x in a\nprint x; type(x)\nnext\nend sub\n");
+  EXPECT_EQ(Run({"run", script}).out, " 0\n");
+  EXPECT_EQ(Run({"run", script, "one", "--root", ""}).out,
+            " 3\nonekoString\n--rootkoString\nkoString\n");
+  // A Main without parameters does not see them.
+  EXPECT_EQ(Run({"run", Script("print 5\n"), "x"}).status, 0);
+}
+
+TEST_F(PlumscriptTest, BufferedOutputComesBeforeErrors) {
+  // Both streams in one file show the order.
+  const std::string script = Script("sub main()\nprint 1\nRestartScript()\nprint 2\nend sub\n");
+  const std::string both = (m_folder / "both").string();
+  const std::string command = std::string(PLUMSCRIPT_PROGRAM) + " run " +
+                              (m_folder / script).string() + " >" + both + " 2>&1";
+  EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 4);
+  std::string text;
+  std::getline(std::ifstream(both), text, '\0');
+  EXPECT_EQ(text, " 1\nRestartScript requested by script\n");
+}
+
+TEST_F(PlumscriptTest, OutputIsSeenBeforeTheScriptSleeps) {
+  Tool tool = Start({"run", Script("print 1\nsleep(60000)\n")});
+  EXPECT_TRUE(tool.Expect("1\n"));
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.Finish(), 2);
+}
+
+TEST_F(PlumscriptTest, AReaderThatGoesEndsTheRunQuietly) {
+  Tool tool = Start({"run", Script("while true\nprint \"0123456789\"\nend while\n")});
+  tool.CloseOutput();
+  EXPECT_EQ(tool.Finish(), 141);
+  EXPECT_EQ(tool.err, "");
+}
+
+TEST_F(PlumscriptTest, AFullDiskIsTold) {
+  const std::string command = std::string(PLUMSCRIPT_PROGRAM) + " run " +
+                              (m_folder / Script("print 1\n")).string() + " >/dev/full 2>" +
+                              (m_folder / "err").string();
+  EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), 74);
+}
+
+// --- Signals ----------------------------------------------------------------------------------
+
+TEST_F(PlumscriptTest, SigintBreaksALoop) {
+  Tool tool = Start({"run", Script("print 1\nsleep(1)\nwhile true\nend while\n")});
+  EXPECT_TRUE(tool.Expect("1\n"));
+  tool.Signal(SIGINT);
+  EXPECT_EQ(tool.Finish(), 2);
+  EXPECT_THAT(tool.err, testing::StartsWith("BREAK (runtime error &hf8) in a.plm("));
+}
+
+TEST_F(PlumscriptTest, SignalsThatEndTheToolRemoveItsRoot) {
+  Tool tool =
+      Start({"run", Script("CreateDirectory(\"tmp:/a\")\nCreateDirectory(\"tmp:/a/b\")\n"
+                           "WriteAsciiFile(\"tmp:/a/f\", \"x\")\nprint 1\nsleep(60000)\n")});
+  EXPECT_TRUE(tool.Expect("1\n"));
+  EXPECT_FALSE(fs::is_empty(m_folder / "temporary"));
+  tool.Signal(SIGTERM);
+  EXPECT_EQ(tool.Finish(), 1000 + SIGTERM);
+}
+
+// --- Files ------------------------------------------------------------------------------------
+
+TEST_F(PlumscriptTest, APrivateRootShowsTheScriptsFolder) {
+  fs::create_directory(m_folder / "show");
+  Script("data", "show/beside.txt");
+  Script(
+      "print ReadAsciiFile(\"beside.txt\"); ReadAsciiFile(\"SD:/beside.txt\")\n"
+      "print WriteAsciiFile(\"tmp:/t\", \"x\"); WriteAsciiFile(\"new.txt\", \"made\")\n"
+      "print MapFilenameToNative(\"a/../new.txt\")\nprint GetDefaultDrive()\n"
+      "print ReadAsciiFile(\"/../../etc/passwd\"); ReadAsciiFile(\"SD:/\")\n"
+      "print ListDir(\"SD:/\").count()\n",
+      "show/a.plm");
+  const Outcome outcome = Run({"run", "show/a.plm"});
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.out, "datadata\ntruetrue\n/storage/sd/new.txt\nSD:\n\n 3\n");
+  EXPECT_TRUE(fs::exists(m_folder / "show/new.txt"));
+  EXPECT_TRUE(fs::exists(m_folder / "show/beside.txt"));
+}
+
+TEST_F(PlumscriptTest, TheScriptsFolderIsNeverFormatted) {
+  Script("kept", "precious.txt");
+  const Outcome outcome = Run({"run", Script("print FormatDrive(\"SD:\", \"exfat\")\n")});
+  EXPECT_EQ(outcome.out, "false\n");
+  EXPECT_TRUE(fs::exists(m_folder / "precious.txt"));
+}
+
+TEST_F(PlumscriptTest, AGivenRootIsKept) {
+  fs::create_directories(m_folder / "root/storage/sd");
+  const std::string script = Script("print WriteAsciiFile(\"SD:/f\", \"x\")\n");
+  EXPECT_EQ(Run({"run", "--root", "root", script}).out, "true\n");
+  EXPECT_TRUE(fs::exists(m_folder / "root/storage/sd/f"));
+  Tool tool({"run", "--", script}, m_folder, false,
+            {"ORVEX_ROOT=" + (m_folder / "missing").string()});
+  EXPECT_EQ(tool.Finish(), 0);
+  EXPECT_EQ(tool.out, "false\n");
+}
+
+TEST_F(PlumscriptTest, LibrariesAreFoundBesideTheScript) {
+  Script("function twice(x)\nreturn 2 * x\nend function\n", "library.plm");
+  Script("function broken(\n", "broken.plm");
+  const std::string script =
+      Script("library \"library.plm\"\nsub main()\nprint twice(21)\nend sub\n");
+  EXPECT_EQ(Run({"run", script}).out, " 42\n");
+  const Outcome broken =
+      Run({"check", script, Script("library \"broken.plm\"\nsub main()\nend sub\n", "b.plm")});
+  EXPECT_EQ(broken.status, 1);
+  EXPECT_THAT(broken.err, HasSubstr("in /storage/sd/broken.plm(1)\n"));
+}
+
+// --- repl -------------------------------------------------------------------------------------
+
+TEST_F(PlumscriptTest, PipedStatementsShareOneFrame) {
+  const Outcome outcome = Run({"repl"},
+                              "x = 20\n"
+                              "f = function(a)\nreturn a + 2\nend function\n"
+                              "for i = 1 to 2\nprint i;\nend for\n"
+                              "print f(x)\n"
+                              "print 1/0\n"
+                              "y = = 2\n"
+                              "print x; type(y)");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, " 1 2 22\n 20<uninitialized>\n");
+  EXPECT_THAT(outcome.err, AllOf(HasSubstr("Divide by Zero. (runtime error &h14) in $LIVECOMPILE("),
+                                 HasSubstr("Syntax Error. (compile error &h02) in $LIVECOMPILE(")));
+}
+
+TEST_F(PlumscriptTest, ReplTellsOfABlockThatNeverEnds) {
+  const Outcome outcome = Run({"repl"}, "while true\nprint 1\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_THAT(outcome.err, HasSubstr("was not terminated correctly. (compile error &hb5)"));
+}
+
+TEST_F(PlumscriptTest, ReplRefusesEndlessLines) {
+  Tool tool = Start({"repl"});
+  const std::string part(64 * 1024, 'x');
+  for (int i = 0; i < 17; ++i) tool.Type(part);
+  tool.Type("\nprint 1\n");
+  tool.EndInput();
+  EXPECT_EQ(tool.Finish(), 0);
+  EXPECT_EQ(tool.out, " 1\n");
+  EXPECT_EQ(tool.err, "plumscript: a statement has at most 1048576 bytes\n");
+}
+
+TEST_F(PlumscriptTest, ReplEndsWithWhatAStatementRequests) {
+  EXPECT_EQ(Run({"repl"}, "RebootSystem()\nprint 1\n").status, 6);
+}
+
+TEST_F(PlumscriptTest, ATerminalGetsPromptsAndEditing) {
+  Tool tool = Start({"repl"}, true);
+  ASSERT_TRUE(tool.Expect("> "));
+  tool.Type("print 4x\b2\n");  // a slip of the finger, taken back
+  ASSERT_TRUE(tool.Expect(" 42"));
+  ASSERT_TRUE(tool.Expect("> "));
+  tool.Type("if true then\n");
+  ASSERT_TRUE(tool.Expect("... "));
+  tool.Type("print 7\n");
+  ASSERT_TRUE(tool.Expect("... "));
+  tool.Type("end if\n");
+  ASSERT_TRUE(tool.Expect(" 7"));
+  ASSERT_TRUE(tool.Expect("> "));
+  tool.Type("nonsense that is never run\003");  // Ctrl-C clears the line
+  ASSERT_TRUE(tool.Expect("> "));
+  tool.Type("while true : end while\n");
+  ASSERT_TRUE(tool.Expect("\n"));
+  tool.Type("\003");  // and breaks a run
+  ASSERT_TRUE(tool.Expect("> "));
+  tool.Type("\033[A\033[A\n");  // the history
+  ASSERT_TRUE(tool.Expect("> "));
+  tool.Type("\004");
+  EXPECT_EQ(tool.Finish(), 0);
+  EXPECT_THAT(tool.err, AllOf(HasSubstr("BREAK (runtime error &hf8)"), Not(HasSubstr("nonsense"))));
+}
+
+// --- disasm and classes -----------------------------------------------------------------------
+
+TEST_F(PlumscriptTest, DisassemblyFollowsTheSource) {
+  const Outcome outcome = Run(
+      {"disasm", Script("sub main()\nprint half(9)\nend sub\n"
+                        "function half(a as integer) as integer\nreturn a / 2\nend function\n")});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_THAT(outcome.out,
+              AllOf(HasSubstr("Function main() As Void\n"), HasSubstr("002: print half(9)\n"),
+                    HasSubstr("pushfun     #half\n"),
+                    HasSubstr("Function half(a As Integer) As Integer\n"), HasSubstr("div\n")));
+}
+
+TEST_F(PlumscriptTest, ClassesShowTheirMethods) {
+  EXPECT_THAT(Run({"classes"}).out, AllOf(HasSubstr("koArray\n"), HasSubstr("koString\n")));
+  const Outcome array = Run({"classes", "KOARRAY"});
+  EXPECT_EQ(array.status, 0);
+  EXPECT_THAT(array.out, testing::StartsWith(
+                             "CreateObject(\"koArray\", a As Integer, b As Boolean) As Object\n"
+                             "koArray provides:\n Interface "));
+  EXPECT_THAT(Run({"classes", "koInt.ifIntOps"}).out,
+              "koInt.ifIntOps provides:\n ToStr() As String\n");
+  const Outcome missing = Run({"classes", "koNothing"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.err, "koNothing: class not found\n");
+}
+
+}  // namespace

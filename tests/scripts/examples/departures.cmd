@@ -1,0 +1,1 @@
+run ../../../examples/departures/autorun.plm

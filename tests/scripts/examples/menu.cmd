@@ -1,0 +1,1 @@
+run ../../../examples/menu/autorun.plm

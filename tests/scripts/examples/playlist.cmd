@@ -1,0 +1,1 @@
+run ../../../examples/playlist/autorun.plm
