@@ -62,3 +62,13 @@ function(orvex_program target main_library)
   orvex_link(${target} PRIVATE ${main_library} ${ARGN})
   orvex_use_pch(${target} orvex_standard_pch)
 endfunction()
+
+# For a program that links a shared C++ library: with the language's runtime linked in, there would
+# be two of them, and one does not know the exceptions of the other.
+function(orvex_share_runtime target)
+  if(ORVEX_LEAN AND TARGET ${target})
+    get_target_property(options ${target} LINK_OPTIONS)
+    list(REMOVE_ITEM options -static-libstdc++ -static-libgcc)
+    set_target_properties(${target} PROPERTIES LINK_OPTIONS "${options}")
+  endif()
+endfunction()

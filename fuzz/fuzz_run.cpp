@@ -39,7 +39,7 @@ std::string run(std::string_view text, bool fused, psStatus* status) {
     io.putc = [](psIo*, unsigned char ch) {
       if (output.size() < kOutputLimit) output.push_back(static_cast<char>(ch));
     };
-    p->turn_limit = kTurns;
+    psSetTurnLimit(p, kTurns);
     scriptRun(p, &io, nullptr);
     *status = p->last_status;
   }

@@ -23,6 +23,7 @@
 #include "apps/plumscript/output.h"
 #include "apps/plumscript/private_root.h"
 #include "lib/platform/device_path.h"
+#include "lib/scripting/CommonAPI/Include/class_registry.h"
 #include "lib/scripting/Plumscript/Source/hooks.h"
 #include "lib/scripting/host_files.h"
 
@@ -34,7 +35,7 @@ std::atomic<psProc*> g_running{nullptr};  // the process a break goes to
 std::atomic<int> g_interrupts{0};         // SIGINTs since the run began
 std::atomic<bool> g_session{false};       // a person is at a terminal
 std::atomic<bool> g_noted{false};         // a SIGINT between two runs
-std::atomic<int> g_wake_fd{-1};  // an eventfd that ends a sleep
+std::atomic<int> g_wake_fd{-1};           // an eventfd that ends a sleep
 static_assert(std::atomic<psProc*>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
 psProc* Innermost(psProc* p) {
@@ -48,7 +49,7 @@ void Wake() {
   if (fd >= 0 && ::write(fd, &one, sizeof(one)) < 0) return;  // full: it is readable already
 }
 
-// What scriptBreak does, short of the domain's break hook, which may take locks.
+// What scriptBreak does, without its locks.
 void BreakFromSignal(psProc* running) {
   std::atomic<uint32_t>& word = Innermost(running)->break_word;
   uint32_t before = word.load(std::memory_order_relaxed);
@@ -56,7 +57,7 @@ void BreakFromSignal(psProc* running) {
   while ((before & kPsBreakSticky) == 0 &&
          !word.compare_exchange_weak(before, (before & ~kPsBreakCodeMask) | kPsBreak)) {
   }
-  Wake();
+  pscSignalBreakFromHandler(running->domain);
 }
 
 void OnSignal(int signal) {
@@ -72,12 +73,6 @@ void OnSignal(int signal) {
     ::raise(signal);  // ends the process when this handler returns and unblocks it
   }
   errno = saved;
-}
-
-bool BreakRequested() {
-  psProc* running = g_running.load(std::memory_order_relaxed);
-  return running != nullptr &&
-         (Innermost(running)->break_word.load(std::memory_order_relaxed) & kPsBreakCodeMask) != 0;
 }
 
 timespec MonotonicNow() {
@@ -143,6 +138,7 @@ Host::Host() {
   // Beside the script first, so that a presentation can bring its own version of a library.
   arguments.library_prefixes = {"", "SYS:/script-lib/"};
   scriptInit(std::move(arguments));
+  KelvoRegisterClasses();
   m_process = scriptCreateProcess();
 }
 
@@ -190,6 +186,7 @@ void Host::InstallHooks() {
   };
   hooks.getDefaultDrive = [] { return g_host->m_mapper.GetDefaultDrive(); };
   hooks.setDefaultDrive = [](psText drive) { g_host->m_mapper.SetDefaultDrive(drive); };
+  hooks.beforeBlocking = [] { Out().Flush(); };
   hooks.sleep = Sleep;
   hooks.rebootSystem = [] { Request(kExitReboot, "Reboot requested by Plumscript\n"); };
   hooks.shutdownSystem = [] { Request(kExitShutdown, "Halt requested by script\n"); };
@@ -207,7 +204,6 @@ void Host::Request(ExitStatus status, const char* log) {
 }
 
 void Host::Sleep(pscDomain* domain, int32_t milliseconds) {
-  Out().Flush();
   if (milliseconds <= 0) return;
   timespec deadline = MonotonicNow();
   deadline.tv_sec += milliseconds / 1000;
@@ -216,13 +212,12 @@ void Host::Sleep(pscDomain* domain, int32_t milliseconds) {
     deadline.tv_nsec -= kNanoseconds;
     ++deadline.tv_sec;
   }
-  // Made by the first sleep. A break that came before is seen in the break word, which is looked at
-  // after the descriptor exists and before every wait.
+  // Made by the first sleep. A break that came before the hook was set is seen in the break word.
   if (g_wake_fd < 0) g_wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   pscSetBreakHook(
       domain, [](void*) { Wake(); }, nullptr);
   timespec left;
-  while (!BreakRequested() && TimeUntil(deadline, &left)) {
+  while (!pscBreakPending(domain) && TimeUntil(deadline, &left)) {
     pollfd wake = {g_wake_fd, POLLIN, 0};
     uint64_t drained;
     if (::ppoll(&wake, 1, &left, nullptr) > 0 && ::read(g_wake_fd, &drained, sizeof(drained)) < 0 &&

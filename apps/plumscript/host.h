@@ -3,12 +3,14 @@
 //
 // A device request (restart, reboot, shut-down) never touches the machine: it is logged, ends the
 // run and becomes the exit status. SIGINT is a break of the running script; a second one, or one
-// while no script runs, ends the process. There is one host at a time, and no second thread.
+// while no script runs, ends the process. There is one host at a time. Signals are taken on the
+// script's thread, which is the process's first one; every other thread blocks them.
 #pragma once
 
 #include <string>
 
 #include "apps/plumscript/exit_status.h"
+#include "lib/scripting/CommonAPI/Include/object_globals.h"
 #include "lib/scripting/Plumscript/Source/publicapis.h"
 #include "lib/scripting/Plumscript/Source/run.h"
 #include "lib/scripting/filename_mapper.h"
@@ -51,7 +53,8 @@ class Host {
   static void Sleep(pscDomain* domain, int32_t milliseconds);
   void InstallHooks();
 
-  FilenameMapper m_mapper;
+  KelvoObjectGlobals m_globals;
+  FilenameMapper& m_mapper = m_globals.GetFilenameMapper();
   psIo m_console;
   psProc* m_process = nullptr;
   // The native file being compiled, which openFile opens as it is.

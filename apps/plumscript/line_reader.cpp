@@ -84,6 +84,8 @@ class EditingReader : public LineReader {
     ::el_set(m_editor, EL_PROMPT, &EditingReader::Prompt);
     ::el_set(m_editor, EL_HIST, ::history, m_history);
     ::el_set(m_editor, EL_GETCFN, &EditingReader::ReadKey);
+    // What a Ctrl-D typed ahead, while the terminal was in line mode, reads as.
+    ::el_set(m_editor, EL_BIND, "^@", "ed-ignore", nullptr);
     BeginSession();
   }
   ~EditingReader() override {
@@ -107,6 +109,9 @@ class EditingReader : public LineReader {
     ::sigaddset(&interrupt, SIGINT);
     ::sigprocmask(SIG_BLOCK, &interrupt, &m_while_waiting);
     ::el_resize(m_editor);
+    // The editor writes the prompt first and changes the mode then; whoever answers a prompt quickly
+    // would still talk to line mode.
+    ::el_set(m_editor, EL_PREP_TERM, 1);
     int n = 0;
     const char* typed = ::el_gets(m_editor, &n);
     ::sigprocmask(SIG_SETMASK, &m_while_waiting, nullptr);

@@ -31,6 +31,7 @@ const char kHelp[] =
 
 namespace {
 
+constexpr char kHelpOption[] = "--help";
 constexpr size_t kAnyNumber = SIZE_MAX;
 
 struct CommandRow {
@@ -44,7 +45,7 @@ struct CommandRow {
 constexpr CommandRow kCommands[] = {
     {"run", Command::kRun, true, 1, kAnyNumber},   {"check", Command::kCheck, false, 1, kAnyNumber},
     {"disasm", Command::kDisasm, false, 1, 1},     {"repl", Command::kRepl, true, 0, 0},
-    {"classes", Command::kClasses, false, 0, 1},   {"--help", Command::kHelp, false, 0, 0},
+    {"classes", Command::kClasses, false, 0, 1},   {kHelpOption, Command::kHelp, false, 0, 0},
     {"--version", Command::kVersion, false, 0, 0},
 };
 
@@ -55,6 +56,10 @@ const CommandRow* FindCommand(const char* name) {
   return nullptr;
 }
 
+bool IsHelp(const char* word) {
+  return std::strcmp(word, kHelpOption) == 0 || std::strcmp(word, "-h") == 0;
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
@@ -62,7 +67,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
     *error = "no command given";
     return false;
   }
-  const CommandRow* row = FindCommand(argv[1]);
+  const CommandRow* row = FindCommand(IsHelp(argv[1]) ? kHelpOption : argv[1]);
   if (row == nullptr) {
     *error = std::string("unknown command '") + argv[1] + "'";
     return false;
@@ -72,16 +77,24 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
   int next = 2;
   for (; next < argc && argv[next][0] == '-' && argv[next][1] != '\0'; ++next) {
     const char* option = argv[next];
+    if (IsHelp(option)) {
+      options->command = Command::kHelp;
+      return true;
+    }
     if (std::strcmp(option, "--") == 0) {
       ++next;
       break;
     }
-    if (row->takes_root && std::strcmp(option, "--root") == 0 && next + 1 < argc) {
+    if (row->takes_root && std::strcmp(option, "--root") == 0) {
+      if (next + 1 == argc) {
+        *error = "--root: DIR is missing";
+        return false;
+      }
       options->root = argv[++next];
     } else if (row->takes_root && std::strncmp(option, "--root=", 7) == 0) {
       options->root = option + 7;
     } else {
-      *error = std::string("unknown or incomplete option '") + option + "'";
+      *error = std::string("unknown option '") + option + "'";
       return false;
     }
   }

@@ -2,6 +2,7 @@
 // of input, and run there. A statement that only lacks its end is kept until more lines complete
 // it.
 #include <algorithm>
+#include <string_view>
 
 #include "apps/plumscript/commands.h"
 #include "apps/plumscript/host.h"
@@ -10,15 +11,35 @@
 
 namespace {
 
+constexpr char kGreeting[] = "Statements run as they are typed. ? prints a value, Ctrl-D ends.\n";
 constexpr char kPrompt[] = "> ";
 constexpr char kContinuationPrompt[] = "... ";
 // A statement, all its lines together.
 constexpr size_t kMaxStatement = 1024 * 1024;
 
-bool LacksItsEnd(const psCompileErrors& errors) {
-  return !errors.empty() && std::all_of(errors.begin(), errors.end(), [](const psCompileError& e) {
-    return e.code == kPsBlockNotTerminated;
-  });
+// Whether a literal of an array or associative array is open. The statement ends with a line end.
+bool LeavesBracketOpen(std::string_view statement) {
+  int open = 0;
+  for (size_t i = 0; i < statement.size(); ++i) {
+    switch (statement[i]) {
+      case '[':
+      case '{': ++open; break;
+      case ']':
+      case '}': --open; break;
+      case '"': i = statement.find_first_of("\"\n", i + 1); break;
+      case '\'': i = statement.find('\n', i + 1); break;
+    }
+  }
+  return open > 0;
+}
+
+// A block that lacks its end has an error of its own, a literal has not.
+bool LacksItsEnd(std::string_view statement, const psCompileErrors& errors) {
+  const bool literal = LeavesBracketOpen(statement);
+  return !errors.empty() &&
+         std::all_of(errors.begin(), errors.end(), [literal](const psCompileError& e) {
+           return e.code == kPsBlockNotTerminated || (literal && e.code == kPsSyntaxError);
+         });
 }
 
 void RunStatement(Host& host, uint32_t start) {
@@ -67,7 +88,7 @@ int ReadAndRun(Host& host, LineReader& reader) {
     statement += '\n';
     uint32_t start = 0;
     errors = LiveCompile(statement, p->mod, p->ctx->sub, &start, p->domain);
-    if (LacksItsEnd(errors)) continue;
+    if (LacksItsEnd(statement, errors)) continue;
     host.PrintCompileErrors(errors);
     if (errors.empty()) RunStatement(host, start);
     errors.clear();
@@ -91,6 +112,7 @@ int RunInteractively() {
     host.PrintRuntimeError();
     return kExitRuntimeError;
   }
+  if (reader->interactive()) Out().Error(kGreeting);
   const int status = ReadAndRun(host, *reader);
   psEndFrame(host.process());
   return status;

@@ -145,7 +145,7 @@ size_t indexBytes(const psAssocArray* me) {
 
 // Replaces the index by an empty one; the old one is left to the caller. False when refused.
 bool newIndex(psAssocArray* me, uint32_t size) {
-  void* block = psAllocZeroed(size_t{size} * sizeof(psAssocSlot));
+  void* block = psAllocTable(size_t{size} * sizeof(psAssocSlot));
   if (block == nullptr) return false;
   me->index = static_cast<psAssocSlot*>(block);
   me->index_mask = size - 1;
@@ -173,7 +173,7 @@ bool growIndex(psAssocArray* me) {
     const psAssocSlot& slot = old[(start + i) & old_mask];
     if (slot.entry != nullptr) indexOlder(me, slot);
   }
-  psFree(const_cast<psAssocSlot*>(old), old_bytes);
+  psFreeTable(const_cast<psAssocSlot*>(old), old_bytes);
   return true;
 }
 
@@ -301,7 +301,7 @@ Detached detachAll(psAssocArray* me) {
 }
 
 void releaseDetached(const Detached& detached) {
-  psFree(detached.index, detached.index_bytes);
+  psFreeTable(detached.index, detached.index_bytes);
   visitAll(detached.buckets, [](psAssocEntry* entry) {
     ReleaseValue(&entry->value);
     freeEntry(entry);

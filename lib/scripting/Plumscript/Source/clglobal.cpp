@@ -163,7 +163,10 @@ int openScriptFile(psText path, int flags) {
 
 // --- 0: time ----------------------------------------------------------------------------------
 
-void sleepFor(pscDomain* domain, int32_t milliseconds) { psHooks().sleep(domain, milliseconds); }
+void sleepFor(pscDomain* domain, int32_t milliseconds) {
+  if (milliseconds > 0) psHooks().beforeBlocking();
+  psHooks().sleep(domain, milliseconds);
+}
 
 // --- 1..6: characters and numbers as text -----------------------------------------------------
 
@@ -292,20 +295,11 @@ psInterfaceRef findMemberFunction(pscDomain*, psTypedValue v, psText name) {
   return found;
 }
 
-pscInstance* waitOnPort(pscDomain* domain, int32_t timeout, pscInstance* object) {
+pscInstance* waitOnPort(pscDomain*, int32_t timeout, pscInstance* object) {
   if (object == nullptr) return nullptr;
-  const psInterface* port = pscGetInterface(object, "ifMessagePort");
+  const void* port = pscGetMethods(object, "ifMessagePort");
   if (port == nullptr) return nullptr;
-  const pscMemberFunction wait_message = pscFindInterfaceFunction(port, "WaitMessage", 1);
-  if (!wait_message) return nullptr;
-  psTypedValue argument = psIntegerValue(timeout);
-  psTypedValue result = psInvalidValue();
-  const psStatus status =
-      pscCallFunction(domain, 1, wait_message.function, object, &argument, &result);
-  if (status != kPsOkay) return nullptr;
-  if (psIs(result, kPsObjectFlag)) return result.value.psc;
-  ReleaseValue(&result);
-  return nullptr;
+  return static_cast<const psIfMessagePort*>(port)->WaitMessage(object, timeout);
 }
 
 // --- 32, 33: text files -----------------------------------------------------------------------
@@ -696,7 +690,8 @@ pscInstance* stableEnumeration(pscDomain* domain, pscInstance* object) {
   if (result == nullptr) return nullptr;
   psArray* elements = pscData<psArray>(result);
   enumeration->Reset(object);
-  while (enumeration->IsNext(object)) {
+  // A message port never comes to its end.
+  while (enumeration->IsNext(object) && !pscBreakPending(domain)) {
     const int32_t tail = elements->tail;
     psArrayPush(elements, enumeration->Next(object));
     if (elements->tail == tail) break;  // memory refused

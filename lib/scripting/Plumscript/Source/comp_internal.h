@@ -148,7 +148,6 @@ struct psGoto {
   psIdent* ident;
   std::string_view name;  // as written; the text outlives the function's compilation
   uint32_t pc;            // of the operand byte
-  int32_t line;
 };
 
 struct psLabelDefinition {
@@ -312,8 +311,7 @@ psStatus MatchStatements(psParser* p, unsigned end_words);
 psStatus MatchProgram(psParser* p);
 psStatus MatchFinish(psParser* p);
 // Records an error and skips the rest of the line. 255: compile on.
-psStatus AddError(psParser* p, psStatus code);
-psStatus AddError(psParser* p, psStatus code, std::string_view label, int32_t line);
+psStatus AddError(psParser* p, psStatus code, std::string_view label = {});
 psStatus StoreCode(psParser* p);
 
 // --- Sources and libraries (comp_source.cpp) --------------------------------------------------

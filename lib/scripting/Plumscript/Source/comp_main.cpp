@@ -11,18 +11,19 @@
 
 // --- Errors -----------------------------------------------------------------------------------
 
-psStatus AddError(psParser* p, psStatus code, std::string_view label, int32_t line) {
+psStatus AddError(psParser* p, psStatus code, std::string_view label) {
   if (p->error_count >= kPsMaxCompileErrors) return code;
   psCompileError& error = p->errors.emplace_back();
   error.file = *p->lex.file;
   error.code = code;
-  error.line = line;
+  error.line = p->lex.line_num;
   p->error_count++;
   psStatus result = kPsOkay;
   switch (code) {
     case kPsLabelNotFound:
-      // Found at the end of a function: there is no line to skip.
+      // Found at the end of a function: the line is no longer known, and there is none to skip.
       error.label = label.substr(0, 15);
+      error.line = 0;
       return kPsOkay;
     case kPsUnexpectedEof:
       error.code = kPsBlockNotTerminated;
@@ -39,8 +40,6 @@ psStatus AddError(psParser* p, psStatus code, std::string_view label, int32_t li
   lexSkipLine(p);
   return result;
 }
-
-psStatus AddError(psParser* p, psStatus code) { return AddError(p, code, {}, p->lex.line_num); }
 
 namespace {
 

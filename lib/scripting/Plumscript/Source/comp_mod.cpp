@@ -5,7 +5,9 @@
 // flat arrays are made from the lists by modLink and are all that a running program needs.
 #include "comp_mod.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <new>
 
 #include "containers.h"
@@ -155,7 +157,9 @@ uint32_t AddName(psModule* module, std::string_view text) {
   std::string name = lowered(text);
   const uint32_t hash = psKeyHash(name);
   const auto bucket = static_cast<uint8_t>(psKeyBucket(hash));
-  module->name_list.push_back({std::move(name), hash, bucket});
+  uint64_t first8 = 0;
+  std::memcpy(&first8, name.data(), std::min(name.size(), sizeof first8));
+  module->name_list.push_back({std::move(name), hash, bucket, first8});
   hashAdd(module->name_table, module->name_list.back().text, &index);
   return static_cast<uint32_t>(index);
 }

@@ -70,6 +70,9 @@ struct psName {
   std::string text;  // lower case
   uint32_t hash;     // psKeyHash of the text
   uint8_t bucket;    // its associative-array bucket
+  // The first eight characters as associative arrays keep them (zero bytes behind the last one): for
+  // most names one comparison of words decides.
+  uint64_t first8;
   psNameCache cache = {};  // of the virtual machine's member lookup
 };
 

@@ -23,6 +23,7 @@ psHostHooks withRefusals(const psHostHooks& given) {
   if (!h.ejectDrive) h.ejectDrive = [](psText) { return false; };
   if (!h.getDefaultDrive) h.getDefaultDrive = [] { return std::string(); };
   if (!h.setDefaultDrive) h.setDefaultDrive = [](psText) {};
+  if (!h.beforeBlocking) h.beforeBlocking = [] {};
   if (!h.sleep) h.sleep = [](pscDomain*, int32_t) {};
   if (!h.rebootSystem) h.rebootSystem = [] {};
   if (!h.shutdownSystem) h.shutdownSystem = [] {};

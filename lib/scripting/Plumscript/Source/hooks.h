@@ -33,6 +33,8 @@ struct psHostHooks {
   std::string (*getDefaultDrive)() = nullptr;
   void (*setDefaultDrive)(psText drive) = nullptr;
 
+  // Called before a script waits for a message or sleeps: what it has printed must be seen by then.
+  void (*beforeBlocking)() = nullptr;
   // Sleeps for the milliseconds given (none when negative), however many signals arrive; returns
   // early only when a break was requested for the domain.
   void (*sleep)(pscDomain* domain, int32_t milliseconds) = nullptr;

@@ -5,9 +5,15 @@
 // allocates (it consumes what another one makes) gives batches back, so memory does not pile up on
 // one side. Slabs are never returned to the C library: their blocks are scattered over all lists.
 //
+// A large heap is read at random, and with pages of 4 KiB nearly every such read misses the address
+// translation, which costs as much as missing the cache. Once a heap is large its slabs are therefore
+// cut from 2 MiB regions that the kernel backs with a huge page each; large tables are such regions
+// by themselves. A small heap stays on ordinary pages, so that it takes up what it uses.
+//
 // Under the sanitizers every block is the C library's own, so that a stray access is seen.
 #include "ps_heap.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -61,6 +67,32 @@ void largeFree(void* block, size_t n) {
 
 #ifndef PS_HEAP_PLAIN
 
+constexpr size_t kHugePage = size_t{2} << 20;
+
+// n bytes (a multiple of the huge page), zeroed, at a multiple of it. Where the kernel has no huge
+// pages to give they are ordinary ones.
+void* mapHuge(size_t n) {
+  constexpr int kProtection = PROT_READ | PROT_WRITE;
+  constexpr int kFlags = MAP_PRIVATE | MAP_ANONYMOUS;
+  void* mapped = mmap(nullptr, n, kProtection, kFlags, -1, 0);
+  if (mapped == MAP_FAILED) return nullptr;
+  if (reinterpret_cast<uintptr_t>(mapped) % kHugePage != 0) {
+    // Ask for more than is needed and give the ends back.
+    munmap(mapped, n);
+    mapped = mmap(nullptr, n + kHugePage, kProtection, kFlags, -1, 0);
+    if (mapped == MAP_FAILED) return nullptr;
+    auto* start = static_cast<char*>(mapped);
+    const size_t before = -reinterpret_cast<uintptr_t>(start) % kHugePage;
+    if (before > 0) munmap(start, before);
+    munmap(start + before + n, kHugePage - before);
+    mapped = start + before;
+  }
+  madvise(mapped, n, MADV_HUGEPAGE);
+  return mapped;
+}
+
+bool isHugeTable(size_t n) { return n >= kHugePage && n % kHugePage == 0; }
+
 struct Block {
   Block* next;
 };
@@ -68,6 +100,9 @@ struct Block {
 constexpr size_t kGrain = 16;
 constexpr size_t kClasses = kPsSmallLimit / kGrain;
 constexpr size_t kSlabBytes = 32 * 1024;
+// What is carved before huge pages are asked for: the second level of the address translation
+// reaches about as far with ordinary ones.
+constexpr size_t kOrdinaryBytes = size_t{4} << 20;
 constexpr uint32_t kBatch = 128;
 
 struct Cache {
@@ -76,10 +111,13 @@ struct Cache {
 };
 thread_local Cache cache;
 
-// Blocks that threads gave back, a chain a class.
+// Blocks that threads gave back, a chain a class, and the region that slabs are cut from.
 struct Pool {
   std::mutex lock;
   Block* head[kClasses] = {};
+  size_t carved = 0;
+  char* region = nullptr;
+  size_t region_left = 0;
 };
 Pool& pool() {
   static Pool* the_pool = new Pool;  // outlives every thread
@@ -120,9 +158,29 @@ bool takeFromPool(size_t cl) {
   return n > 0;
 }
 
+// Memory for a slab, not accounted yet; null when the machine refuses.
+char* newSlab() {
+  const std::lock_guard guard(pool().lock);
+  if (pool().carved < kOrdinaryBytes) {
+    pool().carved += kSlabBytes;
+    return static_cast<char*>(std::malloc(kSlabBytes));
+  }
+  if (pool().region_left == 0) {
+    pool().region = static_cast<char*>(mapHuge(kHugePage));
+    if (pool().region == nullptr) return nullptr;
+    pool().region_left = kHugePage;
+  }
+  pool().region_left -= kSlabBytes;
+  return pool().region + pool().region_left;
+}
+
 bool carveSlab(size_t cl) {
-  auto* slab = static_cast<char*>(largeAlloc(kSlabBytes));
-  if (slab == nullptr) return false;
+  if (!account(kSlabBytes)) return false;
+  char* slab = newSlab();
+  if (slab == nullptr) {
+    used.fetch_sub(kSlabBytes, std::memory_order_relaxed);
+    return false;
+  }
   const size_t size = (cl + 1) * kGrain;
   const size_t n = kSlabBytes / size;
   for (size_t i = n; i-- > 0;) {
@@ -172,18 +230,6 @@ void* psAlloc(size_t n) {
   return largeAlloc(n);
 }
 
-void* psAllocZeroed(size_t n) {
-  if (n > kPsSmallLimit) {
-    if (!account(n)) return nullptr;
-    void* block = std::calloc(1, n);  // fresh pages are zero already
-    if (block == nullptr) used.fetch_sub(n, std::memory_order_relaxed);
-    return block;
-  }
-  void* block = psAlloc(n);
-  if (block != nullptr) std::memset(block, 0, n);
-  return block;
-}
-
 void psFree(void* block, size_t n) {
   if (block == nullptr) return;
 #ifndef PS_HEAP_PLAIN
@@ -214,6 +260,29 @@ void* psRealloc(void* block, size_t old_size, size_t new_size) {
   std::memcpy(moved, block, old_size < new_size ? old_size : new_size);
   psFree(block, old_size);
   return moved;
+}
+
+void* psAllocTable(size_t n) {
+  if (!account(n)) return nullptr;
+#ifndef PS_HEAP_PLAIN
+  void* table = isHugeTable(n) ? mapHuge(n) : std::calloc(1, n);
+#else
+  void* table = std::calloc(1, n);
+#endif
+  if (table == nullptr) used.fetch_sub(n, std::memory_order_relaxed);
+  return table;
+}
+
+void psFreeTable(void* table, size_t n) {
+  if (table == nullptr) return;
+#ifndef PS_HEAP_PLAIN
+  if (isHugeTable(n)) {
+    munmap(table, n);
+    used.fetch_sub(n, std::memory_order_relaxed);
+    return;
+  }
+#endif
+  largeFree(table, n);
 }
 
 size_t psHeapUsed() { return used.load(std::memory_order_relaxed); }

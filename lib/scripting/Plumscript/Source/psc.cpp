@@ -35,10 +35,15 @@ ClassRegistry& registry() {
 void (*print_hook)(void* arg, psText text) = nullptr;
 void* print_arg = nullptr;
 
+// Classes are prepared at every start, most of them without a single interface of this kind.
 template <class T>
 void cacheMethods(const pscClass* cl, const char* name, const T** slot) {
-  const psInterface* iface = pscClassInterface(cl, name);
-  *slot = iface != nullptr ? static_cast<const T*>(iface->methods) : nullptr;
+  *slot = nullptr;
+  for (const psInterface& iface : cl->interfaces) {
+    if (iface.methods == nullptr || strcasecmp(iface.name, name) != 0) continue;
+    *slot = static_cast<const T*>(iface.methods);
+    return;
+  }
 }
 
 void checkDescriptor(const fundes* f) {
@@ -137,10 +142,9 @@ void pscInitBuiltInCoreComponents() {
   r.initialised = true;
   for (pscClass* cl : {&clArray, &clByteArray, &clList, &clAssociativeArray, &clInt, &clString,
                        &clFloat, &clDouble, &clIntrinsicDouble, &clFunction, &clBoolean,
-                       &clInvalid}) {
+                       &clInvalid, &clMessagePort}) {
     pscRegisterClass(cl);
   }
-  pscReserveClassIndex();  // koMessagePort
   pscReserveClassIndex();  // koXMLElement
   pscReserveClassIndex();  // koXMLList
   pscRegisterClass(&clGlobal);
@@ -206,30 +210,33 @@ void pscUninitDomain(pscDomain* domain) {
   psAssert(domain->list.empty());
 }
 
+// A signal handler may come between any two of the stores: it finds a hook with its argument, or
+// none.
 void pscSetBreakHook(pscDomain* domain, void (*hook)(void*), void* arg) {
-  const pscListLock lock;
-  domain->break_hook = hook;
-  domain->break_arg = arg;
+  const std::lock_guard lock(domain->break_lock);
+  domain->break_hook.store(nullptr, std::memory_order_relaxed);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  domain->break_arg.store(arg, std::memory_order_relaxed);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  domain->break_hook.store(hook, std::memory_order_relaxed);
+}
+
+void pscSignalBreakFromHandler(pscDomain* domain) {
+  void (*hook)(void*) = domain->break_hook.load(std::memory_order_relaxed);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  if (hook != nullptr) hook(domain->break_arg.load(std::memory_order_relaxed));
 }
 
 void pscSignalBreak(pscDomain* domain) {
-  void (*hook)(void*);
-  void* arg;
-  {
-    const pscListLock lock;
-    hook = domain->break_hook;
-    arg = domain->break_arg;
-  }
-  if (hook != nullptr) hook(arg);
+  const std::lock_guard lock(domain->break_lock);
+  pscSignalBreakFromHandler(domain);
 }
 
-void pscForbidGarbageCollector(pscDomain* domain) {
-  if (!psSingleThreaded()) domain->collector_lock.lock();
-}
+// Always locked, also while there is one thread only: what is created under the lock may start the
+// second one.
+void pscForbidGarbageCollector(pscDomain* domain) { domain->collector_lock.lock(); }
 
-void pscPermitGarbageCollector(pscDomain* domain) {
-  if (!psSingleThreaded()) domain->collector_lock.unlock();
-}
+void pscPermitGarbageCollector(pscDomain* domain) { domain->collector_lock.unlock(); }
 
 // --- Instances --------------------------------------------------------------------------------
 

@@ -151,7 +151,18 @@ struct psIfAssociativeArray {
   psTypedValue (*LookupCi)(pscInstance*, psText key);
   void (*Append)(pscInstance*, pscInstance* other);
 };
-// ifDebug: told when the script stops running and when it runs again.
+// Only koMessagePort has these; an object with an ifMessagePort of its own that merely takes a port
+// leaves the record null.
+struct psIfMessagePort {
+  pscInstance* (*GetMessage)(pscInstance*);  // handed over, or null
+  pscInstance* (*WaitMessage)(pscInstance*, int32_t milliseconds);
+  // Takes a reference of its own. Any thread, never blocks on the script. False: dropped, the script
+  // has let too many messages pile up.
+  bool (*PostMessage)(pscInstance*, pscInstance* message);
+  pscInstance* (*PeekMessage)(pscInstance*);
+};
+// ifDebug: told when the script stops running and when it runs again. Called with
+// psc_ref_and_list_lock held.
 struct psIfDebug {
   void (*Stopped)(pscInstance*);
   void (*Running)(pscInstance*);
@@ -228,8 +239,14 @@ constexpr uint32_t kPscDomainMagic = 0xd002a14e;
 struct pscDomain {
   psList list;  // live instances in creation order, guarded by psc_ref_and_list_lock
   psRecursiveLock collector_lock;
-  void (*break_hook)(void*) = nullptr;
-  void* break_arg = nullptr;
+  // How a break reaches a blocking call: it puts its hook here, looks at the break word (a break may
+  // have come before the hook) and only then waits.
+  std::mutex break_lock;  // held while the hook is changed, and while another thread calls it
+  std::atomic<void (*)(void*)> break_hook{nullptr};
+  std::atomic<void*> break_arg{nullptr};
+  // The break word of the innermost process that runs here; null while none does. The script
+  // thread's own.
+  const std::atomic<uint32_t>* running_break_word = nullptr;
   uint32_t magic = kPscDomainMagic;
   // Instances that a conversion to Function has left with the reference they had; given back when
   // the domain ends.
@@ -262,9 +279,15 @@ pscClass* pscClassByIndex(unsigned index);
 pscDomain* pscNewDomain();
 // Asserts that no instance is left (and prints those that are). Does not free the record.
 void pscUninitDomain(pscDomain* domain);
+// On the script's thread. Null takes the hook away; no call of it is running then, and none will
+// come. A hook must be async-signal-safe and must not set the hook itself.
 void pscSetBreakHook(pscDomain* domain, void (*hook)(void*), void* arg);
-// Calls the hook, with no lock held. Any thread.
+// Calls the hook. Any thread; called after the break word was set.
 void pscSignalBreak(pscDomain* domain);
+// The same for a signal handler that interrupts the script's thread; takes no lock.
+void pscSignalBreakFromHandler(pscDomain* domain);
+// Whether the script that runs in the domain is asked to stop. On the script's thread.
+bool pscBreakPending(const pscDomain* domain);
 
 // --- Instances --------------------------------------------------------------------------------
 // All of these return an instance with one reference, or null.
@@ -382,4 +405,4 @@ void pscPrint(psText text);
 
 // The core classes.
 extern pscClass clArray, clByteArray, clList, clAssociativeArray, clInt, clString, clFloat, clDouble,
-    clIntrinsicDouble, clFunction, clBoolean, clInvalid, clGlobal;
+    clIntrinsicDouble, clFunction, clBoolean, clInvalid, clMessagePort, clGlobal;

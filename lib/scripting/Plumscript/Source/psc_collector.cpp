@@ -6,8 +6,8 @@
 //
 // Rules of this file:
 //  1. Hooks run with psc_ref_and_list_lock released. The instance whose hook runs is kept alive by a
-//     temporary reference; a temporary reference that turns out to be the last one is dropped through
-//     pscSubRef and the collection starts over.
+//     temporary reference. One that turns out to be the last is kept until the collection is over:
+//     a destructor may wait for a thread that waits for the collector lock.
 //  2. psc_changed tells that another thread changed a count or a list while the lock was released:
 //     the counts gathered so far may describe two different moments, so the collection starts over.
 //     After kMaxRestarts it gives up and frees nothing; the next run tries again.
@@ -69,6 +69,10 @@ class Collector {
   }
 
   void releaseLock() { lock_.unlock(); }
+  // Without any lock.
+  void dropLate() {
+    for (pscInstance* instance : late_) pscSubRef(instance);
+  }
 
   // The two steps below run with the lock released: they call class hooks.
   void breakGarbage() {
@@ -94,13 +98,12 @@ class Collector {
     instance->psc_class->enum_refs(instance, this, callback);
     drainWalk();
     lock_.lock();
-    if (letGoUnlessLast(instance)) {
-      lock_.unlock();
-      pscSubRef(instance);
-      lock_.lock();
-      return false;
-    }
+    letGo(instance);
     return !psc_changed.load(std::memory_order_acquire);
+  }
+
+  void letGo(pscInstance* instance) {
+    if (letGoUnlessLast(instance)) late_.push_back(instance);
   }
 
   bool countReferences() {
@@ -153,7 +156,7 @@ class Collector {
       pscInstance* next = walk_.back();
       walk_.pop_back();
       next->psc_class->enum_refs(next, this, clear);
-      if (letGoUnlessLast(next)) pscSubRef(next);
+      letGo(next);
     }
   }
 
@@ -173,6 +176,7 @@ class Collector {
   pscCollection found_;
   psList garbage_;
   std::vector<pscInstance*> walk_;
+  std::vector<pscInstance*> late_;  // the collector's reference is the last
 };
 
 }  // namespace
@@ -186,6 +190,7 @@ pscCollection pscGarbageCollect(pscDomain* domain) {
   collector.breakGarbage();
   pscPermitGarbageCollector(domain);
   collector.dropGarbage();
+  collector.dropLate();
   return found;
 }
 

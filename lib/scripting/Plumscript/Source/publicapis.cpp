@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <new>
+#include <utility>
 
 #include "clglobal.h"
 #include "containers.h"
@@ -174,9 +175,12 @@ bool scriptRunFunction(psProc* p, psIo* io, psDebugSession* session, psFunction*
   }
   const bool attach = session != nullptr && p->debug_session == nullptr;
   if (attach) DebugAttachSession(p, session);
+  const auto* outer = std::exchange(p->domain->running_break_word, &p->break_word);
   pscNotifyRunning(p->domain);
   const psStatus status = ExecSub(p, function, args, n, nullptr, result);
-  pscNotifyStopped(p->domain);
+  p->domain->running_break_word = outer;
+  // A run inside another one leaves that one running.
+  if (outer == nullptr) pscNotifyStopped(p->domain);
   if (attach) DebugDetachSession(p);
   leaveModule(p);
   return status == kPsOkay;
@@ -192,6 +196,7 @@ psStatus psBeginFrame(psProc* p, psIo* io) {
     return status;
   }
   p->running = true;
+  p->domain->running_break_word = &p->break_word;
   pscNotifyRunning(p->domain);
   return kPsOkay;
 }
@@ -199,6 +204,7 @@ psStatus psBeginFrame(psProc* p, psIo* io) {
 void psEndFrame(psProc* p) {
   while (p->ctx != nullptr) psPopFrame(p);
   p->running = false;
+  p->domain->running_break_word = nullptr;
   pscNotifyStopped(p->domain);
   leaveModule(p);
 }
@@ -225,6 +231,11 @@ void scriptRequestEnd(psProc* p) {
     }
   }
   pscSignalBreak(p->domain);
+}
+
+bool pscBreakPending(const pscDomain* domain) {
+  const std::atomic<uint32_t>* word = domain->running_break_word;
+  return word != nullptr && (word->load(std::memory_order_acquire) & kPsBreakCodeMask) != 0;
 }
 
 // --- Debugger sessions ------------------------------------------------------------------------

@@ -29,6 +29,8 @@ struct subctx {
   psTypedValue* calling_evsp;      // stack position to restore on return; equals locals
   uint32_t varlistsize;            // slots reserved
   const psInstruction* resume;     // decoded form of pc, or null when it must be looked up
+  psTypedValue* chain_slot;        // where pieces for the text in chain_local gather, or null
+  uint8_t chain_local;
 };
 // Every frame needs a slot for `global` and one for `m`, so the stack bounds the number of frames.
 constexpr int kPsMaxFrames = kPsStackSlots / 2;
@@ -38,6 +40,7 @@ constexpr int kPsMaxFrames = kPsStackSlots / 2;
 constexpr uint32_t kPsBreakCodeMask = 0xffff;  // status to stop with; 0 none
 constexpr uint32_t kPsBreakSticky = 0x10000;   // the code stays after it was acted on
 constexpr uint32_t kPsBreakStep = 0x20000;     // call the session's hook before every instruction
+constexpr uint32_t kPsBreakCounted = 0x40000;  // turn_limit is set: count the turns
 
 struct psProc {
   subctx* ctx = nullptr;  // current frame
@@ -67,10 +70,11 @@ struct psProc {
   // The frame whose return ends the interpreter loop: the outermost one, or the one that appended
   // code runs in.
   subctx* base_frame = nullptr;
-  // Loop turns, calls and returns after which the run stops with "BREAK"; 0: no limit.
-  uint64_t turn_limit = 0;
-  uint64_t turns = 0;
+  // Loop turns, calls and returns that are left before the run stops with "BREAK"; looked at while
+  // kPsBreakCounted is set. Set both with psSetTurnLimit.
+  uint64_t turns_left = 0;
 };
+void psSetTurnLimit(psProc* p, uint64_t turns);
 // Held while a child process is entered into or taken out of `chain`, and while another thread follows
 // it.
 extern std::mutex psChainLock;

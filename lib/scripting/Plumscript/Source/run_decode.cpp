@@ -30,6 +30,7 @@ struct Step {
   uint32_t target_pc = 0;  // of a jump
   bool jumps = false;
   bool is_target = false;
+  bool in_chain = false;  // its gathering form has been emitted
   bool method_call = false;  // a Call whose callee is two entries: receiver and function
   int min_depth = kUnknown;  // before the step
   int max_depth = kUnknown;
@@ -133,8 +134,10 @@ class Decoder {
   bool isBinaryAt(size_t i) const { return free(i) && isBinary(steps_[i].opcode); }
   bool isConstant(size_t i) const { return is(i, kFastPushK) || is(i, kFastPushDouble); }
   bool consumerTakesRawDouble(size_t producer) const;
-  void setJump(size_t step) { jumps_.push_back({form_->code.size() - 1, step}); }
+  void setJump(uint32_t target_pc) { jumps_.push_back({form_->code.size() - 1, target_pc}); }
   void resolveJumps();
+  size_t chainEnd(size_t first) const;
+  bool emitChain(size_t first);
 
   psFunction* function_;
   psModule* module_;
@@ -145,7 +148,7 @@ class Decoder {
   psDecodedForm* form_ = nullptr;
   struct PendingJump {
     size_t instruction;
-    size_t step;
+    uint32_t target_pc;
   };
   std::vector<PendingJump> jumps_;
 };
@@ -481,7 +484,7 @@ psInstruction& Decoder::add(psFastOp op, size_t first, size_t failing, size_t la
   ins.next_pc = f.next_pc;
   ins.back = static_cast<uint8_t>(f.pc - steps_[first].pc);
   form_->index_of[steps_[first].pc - chunk_->begin] = static_cast<int32_t>(form_->code.size() - 1);
-  if (steps_[last].jumps) setJump(last);
+  if (steps_[last].jumps) setJump(steps_[last].target_pc);
   return ins;
 }
 
@@ -503,7 +506,9 @@ bool Decoder::consumerTakesRawDouble(size_t producer) const {
       if (s.op == kFastCallGlobal && hotGlobal(s.x.function, &hot)) {
         return hot == kFastGlobalAbs || hot == kFastGlobalInt || hot == kFastGlobalSqr;
       }
-      return fusion_enabled && s.op == kFastArraySet && s.a == 1 && above == 3;
+      if (!fusion_enabled) return false;
+      if (s.op == kFastDotSet) return above == 2;
+      return s.op == kFastArraySet && s.a == 1 && above == 3;
     }
     switch (s.op) {
       case kFastIfFalse:
@@ -575,9 +580,65 @@ size_t Decoder::fuseBinary(size_t first, size_t op, Mode mode) {
   return op + (to_local ? 2 : 1);
 }
 
+// For `pushlocal s` at a step: the step of `poplocal s` when in between stands a sum of s and at
+// least two pieces, s leftmost; 0 otherwise. The pieces may be anything but code that could change
+// s or come from elsewhere.
+size_t Decoder::chainEnd(size_t first) const {
+  constexpr size_t kSearch = 96;
+  int above = 1;
+  int sums = 0;
+  for (size_t i = first + 1; i < steps_.size() && i < first + kSearch; i++) {
+    const Step& s = steps_[i];
+    if (s.is_target) return 0;
+    const psStackEffect e = effect(s);
+    if (e.pops >= above) {
+      if (s.opcode == kOpAdd && above == 2) {
+        sums++;
+        above = 1;
+        continue;
+      }
+      if (s.op == kFastConvertTop && s.a == psString) continue;
+      return s.op == kFastPopL && s.a == steps_[first].a && sums >= 2 ? i : 0;
+    }
+    if (s.jumps && s.op != kFastDotCall) return 0;
+    if (s.op == kFastCallBuiltin && s.b == kOpCallEval) return 0;
+    if (s.op == kFastReturn || s.op == kFastEnd || s.op == kFastStop) return 0;
+    above += e.pushes - e.pops;
+  }
+  return 0;
+}
+
+// Emits the gathering form of `s = s + a + b …`, behind which the ordinary one follows.
+bool Decoder::emitChain(size_t first) {
+  const size_t end = chainEnd(first);
+  if (end == 0) return false;
+  const auto begin = form_->code.size();
+  add(kFastChainBegin, first, first, first);
+  // The last sum must not swallow the store.
+  const bool was_target = steps_[end].is_target;
+  steps_[end].is_target = true;
+  for (size_t i = first + 1; i < end;) i = fuse(i);
+  steps_[end].is_target = was_target;
+  add(kFastChainEnd, end, end, end);
+  form_->code.emplace_back() = {};
+  form_->code.back().handler = psHandlers()[kFastJump];
+  setJump(steps_[end].next_pc);
+  form_->code[begin].jump = static_cast<int32_t>(form_->code.size() - begin);
+  return true;
+}
+
 // Emits the instruction for the longest known sequence at step i; returns the step behind it.
 size_t Decoder::fuse(size_t i) {
   const Step& s = steps_[i];
+  if (s.op == kFastPushL && !steps_[i].in_chain) {
+    const auto begin = static_cast<int32_t>(form_->code.size());
+    if (emitChain(i)) {
+      steps_[i].in_chain = true;
+      const size_t next = fuse(i);
+      form_->index_of[s.pc - chunk_->begin] = begin;
+      return next;
+    }
+  }
   if (isBinary(s.opcode)) return fuseBinary(i, i, kSS);
   if (s.op == kFastPushL) {
     if (follows(i + 1, kFastPushL)) {
@@ -587,7 +648,7 @@ size_t Decoder::fuse(size_t i) {
         psInstruction& ins = add(to_local ? kFastIndexLL_L : kFastIndexLL_S, i, i + 2, i + 2);
         ins.a = s.a;
         ins.b = steps_[i + 1].a;
-        if (to_local) ins.c = steps_[i + 3].a;
+        ins.c = to_local ? steps_[i + 3].a : consumerTakesRawDouble(i + 2);
         return i + (to_local ? 4 : 3);
       }
       if (follows(i + 2, kFastArraySet) && steps_[i + 2].a == 1) {
@@ -609,7 +670,7 @@ size_t Decoder::fuse(size_t i) {
         psInstruction& ins = add(to_local ? kFastIndexLK_L : kFastIndexLK_S, i, i + 2, i + 2);
         ins.a = s.a;
         ins.x = steps_[i + 1].x;
-        if (to_local) ins.c = steps_[i + 3].a;
+        ins.c = to_local ? steps_[i + 3].a : consumerTakesRawDouble(i + 2);
         return i + (to_local ? 4 : 3);
       }
       if (follows(i + 2, kFastArraySet) && steps_[i + 2].a == 1 && is(i + 1, kFastPushK)) {
@@ -623,13 +684,14 @@ size_t Decoder::fuse(size_t i) {
     if (follows(i + 1, kFastArray) && steps_[i + 1].a == 1) {
       psInstruction& ins = add(kFastIndexSL_S, i, i + 1, i + 1);
       ins.b = s.a;
+      ins.c = consumerTakesRawDouble(i + 1);
       return i + 2;
     }
     if (follows(i + 1, kFastDot)) {
       const bool to_local = follows(i + 2, kFastPopL);
       psInstruction& ins = add(to_local ? kFastDotL_L : kFastDotL_S, i, i + 1, i + 1);
       ins.a = s.a;
-      if (to_local) ins.c = steps_[i + 2].a;
+      ins.c = to_local ? steps_[i + 2].a : consumerTakesRawDouble(i + 1);
       return i + (to_local ? 3 : 2);
     }
     if (follows(i + 1, kFastDotSet)) {
@@ -666,6 +728,7 @@ size_t Decoder::fuse(size_t i) {
     if (s.op == kFastPushK && follows(i + 1, kFastArray) && steps_[i + 1].a == 1) {
       psInstruction& ins = add(kFastIndexSK_S, i, i + 1, i + 1);
       ins.x = s.x;
+      ins.c = consumerTakesRawDouble(i + 1);
       return i + 2;
     }
     if (s.op == kFastPushK && follows(i + 1, kFastPopL)) {
@@ -675,7 +738,7 @@ size_t Decoder::fuse(size_t i) {
     }
   }
   if (s.op == kFastArray && s.a == 1) {
-    add(kFastIndexSS_S, i, i, i);
+    add(kFastIndexSS_S, i, i, i).c = consumerTakesRawDouble(i);
     return i + 1;
   }
   if (s.op == kFastArraySet && s.a == 1) {
@@ -714,7 +777,7 @@ size_t Decoder::fuse(size_t i) {
 void Decoder::resolveJumps() {
   std::vector<psInstruction>& code = form_->code;
   for (const PendingJump& j : jumps_) {
-    const uint32_t target = steps_[j.step].target_pc;
+    const uint32_t target = j.target_pc;
     int32_t index = target >= chunk_->begin && target < chunk_->end
                         ? form_->index_of[target - chunk_->begin]
                         : -1;
@@ -771,6 +834,7 @@ std::unique_ptr<psDecodedCode> decodeChunk(psFunction* function, uint32_t begin)
   }
   chunk->fast = decoder.emit(false);
   if (begin == 0) {
+    chunk->parameters = function->parameters();
     for (uint16_t pc : function->callvarinits) {
       chunk->entries.push_back(pc == kPsNoEntry ? nullptr : psFastAt(chunk.get(), pc));
     }

@@ -67,7 +67,7 @@ static_assert(sizeof(psInstruction) == 32);
   X(DotCall) X(DotInterface) X(DotDot) X(Jump) X(JumpBack) X(Return) X(For) X(ForEach)           \
   X(NextEach) X(Next) X(Stop) X(Dim) X(NumFunArgs) X(Attr) X(Dup) X(Nop) X(Leave)
 #define PS_FUSED_OPS(X)                                                                          \
-  X(PopLTyped) X(ReturnTyped) X(ReturnL) X(PushLL) X(MoveL) X(SetLK)                             \
+  X(ChainBegin) X(ChainEnd) X(PopLTyped) X(ReturnTyped) X(ReturnL) X(PushLL) X(MoveL) X(SetLK)                             \
   X(IndexLL_S) X(IndexLK_S) X(IndexSL_S) X(IndexSK_S) X(IndexSS_S) X(IndexLL_L) X(IndexLK_L)     \
   X(IndexSetLL) X(IndexSetLK) X(IndexSetSS) X(DotL_S) X(DotL_L) X(DotSetL) X(DotCallL)           \
   X(GlobalLen) X(GlobalAsc) X(GlobalChr) X(GlobalMid2) X(GlobalMid3) X(GlobalAbs) X(GlobalInt)   \
@@ -96,6 +96,9 @@ struct psDecodedCode {
   std::unique_ptr<psDecodedForm> fast;   // null when the analysis rejects the code
   std::unique_ptr<psDecodedForm> plain;  // made when needed
   uint32_t max_depth = 0;                // deepest stack above the locals in the fast form
+  // Of the first chunk, what a call needs at hand: declared parameters, slots of a frame (they may
+  // grow with code that is appended; the function's own count decides then), and where to begin.
+  int parameters = 0;
   std::vector<const psInstruction*> entries;  // of the fast form, by number of arguments
   std::deque<psTypedValue> constants;         // what instructions point at
   std::unique_ptr<psDecodedCode> newer;       // chunks appended later, oldest first

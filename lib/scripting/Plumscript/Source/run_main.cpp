@@ -67,19 +67,23 @@ inline bool soleOwner(const pscInstance* instance) {
   return instance->ref_cnt.load(std::memory_order_relaxed) == 1;
 }
 
-// Puts a double into a variable or element: into the box that is there when nobody else holds it.
-PS_NOINLINE psStatus storeDouble(pscDomain* domain, psTypedValue* to, double d, uint64_t meta) {
-  if (psIsDoubleBox(*to) && soleOwner(to->value.psc)) {
-    psDoubleOf(to->value.psc) = d;
-    to->meta = meta;
-    return kPsOkay;
-  }
+PS_NOINLINE psStatus storeNewDouble(pscDomain* domain, psTypedValue* to, double d, uint64_t meta) {
   pscInstance* box = psNewDouble(domain, d);
   if (box == nullptr) return kPsOutOfMemory;
   psTypedValue v = psObjectValue(box);
   v.meta = meta;
   storeOver(to, v);
   return kPsOkay;
+}
+
+// Puts a double into a variable or element: into the box that is there when nobody else holds it.
+inline psStatus storeDouble(pscDomain* domain, psTypedValue* to, double d, uint64_t meta) {
+  if (psIsDoubleBox(*to) && soleOwner(to->value.psc)) {
+    psDoubleOf(to->value.psc) = d;
+    to->meta = meta;
+    return kPsOkay;
+  }
+  return storeNewDouble(domain, to, d, meta);
 }
 
 PS_NOINLINE psStatus boxRawDouble(pscDomain* domain, psTypedValue* v) {
@@ -115,6 +119,17 @@ inline bool readNumber(const psTypedValue* v, double* d, unsigned* kinds) {
     return true;
   }
   return false;
+}
+
+// A double, boxed or not; nothing else.
+inline bool readDouble(const psTypedValue* v, double* d) {
+  if (psIs(*v, kPsRawDoubleFlag)) {
+    *d = v->value.d;
+    return true;
+  }
+  if (!psIsDoubleBox(*v)) return false;
+  *d = psDoubleOf(v->value.psc);
+  return true;
 }
 
 // An operand as the plain operators take it: a counted copy unless it is on the stack already.
@@ -345,26 +360,35 @@ PS_NOINLINE psStatus slowCompare(pscDomain* domain, const psTypedValue* x, const
 
 // --- Containers on the fast path --------------------------------------------------------------
 
-inline psTypedValue copyElement(const psTypedValue& element) {
-  if (element.meta == 0) return psInvalidValue();
-  psRetainValue(&element);
-  return element;
+// A counted copy, or the number alone where the box is not needed.
+inline psTypedValue copyOrUnbox(const psTypedValue& v, bool raw) {
+  if (psIs(v, kPsObjectFlag)) {
+    if (raw && v.value.psc->psc_class == &clIntrinsicDouble) {
+      psTypedValue number;
+      number.value.d = psDoubleOf(v.value.psc);
+      number.meta = kPsRawDoubleFlag;
+      return number;
+    }
+    pscAddRef(v.value.psc);
+  }
+  return v;
 }
 
-inline psTypedValue arrayElement(psArray* array, int64_t i) {
+inline psTypedValue arrayElement(psArray* array, int64_t i, bool raw = false) {
   const psGuard guard(array->lock);
-  if (static_cast<uint64_t>(i) > static_cast<uint64_t>(int64_t{array->tail}) || array->tail < 0) {
+  if (static_cast<uint64_t>(i) >= static_cast<uint64_t>(int64_t{array->tail} + 1)) {
     return psInvalidValue();
   }
-  return copyElement(array->elements[i]);
+  const psTypedValue& element = array->elements[i];
+  return element.meta != 0 ? copyOrUnbox(element, raw) : psInvalidValue();
 }
 
 // container[index] for a container that stays where it is. False: not a koArray with an Integer.
-inline bool fastIndex(const psTypedValue* container, const psTypedValue* index,
+inline bool fastIndex(const psTypedValue* container, const psTypedValue* index, bool raw,
                       psTypedValue* result) {
   if (!psIs(*container, kPsObjectFlag) || !psIs(*index, kPsIntegerFlag)) return false;
   if (container->value.psc->psc_class != &clArray) return false;
-  *result = arrayElement(pscData<psArray>(container->value.psc), index->value.i);
+  *result = arrayElement(pscData<psArray>(container->value.psc), index->value.i, raw);
   return true;
 }
 
@@ -378,7 +402,21 @@ PS_NOINLINE psStatus slowIndex(const psTypedValue* container, const psTypedValue
   return status;
 }
 
-// container[index] = value, the value taken over. False: not a koArray with an Integer in range.
+// array[i] = value for an index that is not among the used ones.
+PS_NOINLINE psStatus growArray(pscInstance* object, int64_t i, const psTypedValue* value) {
+  psTypedValue kept = *value;
+  if (psIs(kept, kPsRawDoubleFlag)) {
+    const psStatus status = boxRawDouble(object->domain, &kept);
+    if (status != kPsOkay) return status;
+  }
+  kept.meta = (kept.meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
+  // An index no array can have: the value is dropped, as for any index out of range.
+  const auto index = static_cast<int32_t>(i >= 0 && i <= INT32_MAX ? i : -1);
+  psArraySetEntry(pscData<psArray>(object), index, kept);
+  return kPsOkay;
+}
+
+// container[index] = value, the value taken over. False: not a koArray with an Integer.
 inline bool fastIndexSet(const psTypedValue* container, const psTypedValue* index,
                          const psTypedValue* value, psStatus* status) {
   if (!psIs(*container, kPsObjectFlag) || !psIs(*index, kPsIntegerFlag)) return false;
@@ -387,11 +425,12 @@ inline bool fastIndexSet(const psTypedValue* container, const psTypedValue* inde
   auto* array = pscData<psArray>(object);
   const psGuard guard(array->lock);
   const int64_t i = index->value.i;
-  if (array->tail < 0 || static_cast<uint64_t>(i) > static_cast<uint64_t>(int64_t{array->tail})) {
-    return false;
+  if (PS_UNLIKELY(static_cast<uint64_t>(i) >= static_cast<uint64_t>(int64_t{array->tail} + 1))) {
+    *status = growArray(object, i, value);
+    return true;
   }
   psTypedValue* element = &array->elements[i];
-  if (psIs(*value, kPsRawDoubleFlag)) {
+  if (PS_UNLIKELY(psIs(*value, kPsRawDoubleFlag))) {
     *status = storeDouble(object->domain, element, value->value.d, kPsObjectFlag | kPsBoxedFlag);
     return true;
   }
@@ -400,6 +439,22 @@ inline bool fastIndexSet(const psTypedValue* container, const psTypedValue* inde
   storeOver(element, kept);
   *status = kPsOkay;
   return true;
+}
+
+// The innermost of the arrays that all indexes but the last select, without references: a matrix
+// keeps its rows alive. Null: not koArrays and Integers all the way.
+inline pscInstance* rowOf(const psTypedValue* container, const psTypedValue* indexes, int n) {
+  if (!psSingleThreaded()) return nullptr;  // another thread could drop a row
+  const psTypedValue* at = container;
+  for (int k = 0;; k++) {
+    if (!psIs(*at, kPsObjectFlag) || at->value.psc->psc_class != &clArray) return nullptr;
+    if (k == n - 1) return at->value.psc;
+    const auto* array = pscData<psArray>(at->value.psc);
+    if (!psIs(indexes[k], kPsIntegerFlag)) return nullptr;
+    const int64_t i = indexes[k].value.i;
+    if (static_cast<uint64_t>(i) >= static_cast<uint64_t>(int64_t{array->tail} + 1)) return nullptr;
+    at = &array->elements[i];
+  }
 }
 
 PS_NOINLINE psStatus slowIndexSet(pscDomain* domain, const psTypedValue* container,
@@ -421,27 +476,35 @@ PS_NOINLINE psStatus slowIndexSet(pscDomain* domain, const psTypedValue* contain
 
 // --- Members ----------------------------------------------------------------------------------
 
+// Whether the entry's key is the name, spelled the same.
+inline bool sameSpelling(const psAssocEntry* entry, const psName* name) {
+  const size_t length = name->text.size();
+  if (entry->hash != name->hash || entry->key_length != length) return false;
+  uint64_t first8;
+  std::memcpy(&first8, entry->key, sizeof first8);
+  if (PS_UNLIKELY(first8 != name->first8)) return false;
+  return length <= sizeof first8 || std::memcmp(entry->key, name->text.data(), length) == 0;
+}
+
 inline const psAssocEntry* findMember(psAssocArray* array, const psName* name) {
   if (PS_UNLIKELY(array->index != nullptr)) {
     return psAssocFind(array, name->text, name->hash, false);
   }
-  const size_t length = name->text.size();
-  const char* text = name->text.data();
   for (const psAssocEntry* e = array->buckets[name->bucket]; e != nullptr; e = e->next) {
-    if (e->hash != name->hash || e->key_length != length) continue;
-    if (PS_LIKELY(std::memcmp(e->key, text, length) == 0)) return e;
-    return psAssocFind(array, name->text, name->hash, false);
+    if (PS_LIKELY(sameSpelling(e, name))) return e;
+    // The same but for letter case, or another key with the same hash: the container decides.
+    if (e->hash == name->hash) return psAssocFind(array, name->text, name->hash, false);
   }
   return nullptr;
 }
 
 // The member's value with a reference of its own; a zero word when there is none.
-inline psTypedValue memberOf(pscInstance* object, const psName* name) {
+__attribute__((always_inline)) inline psTypedValue memberOf(pscInstance* object, const psName* name, bool raw = false) {
   if (PS_LIKELY(object->psc_class == &clAssociativeArray)) {
     auto* array = pscData<psAssocArray>(object);
     const psGuard guard(array->lock);
     const psAssocEntry* entry = findMember(array, name);
-    return entry != nullptr ? psCopyValue(entry->value) : psUninitializedValue();
+    return entry != nullptr ? copyOrUnbox(entry->value, raw) : psUninitializedValue();
   }
   const psIfAssociativeArray* assoc = object->psc_class->if_assoc;
   // Only the container can tell an absent member from an Invalid one.
@@ -520,10 +583,13 @@ PS_NOINLINE psStatus resolveMethod(pscDomain* domain, psTypedValue* slot, psName
   pscInstance* object = slot->value.psc;
   if (object->psc_class->if_assoc != nullptr) {
     psTypedValue found = memberOf(object, name);
-    if (found.type_flags != 0) {
+    if (PS_LIKELY(found.type_flags != 0)) {
       *entries = 1;
       uint16_t function;
-      if (GetFunctionIndex(&found, &function)) {
+      if (PS_LIKELY(psIs(found, kPsFunctionFlag))) {
+        slot->meta = kPsThisSubFlag;
+        slot->function_index = static_cast<int16_t>(found.value.i);
+      } else if (GetFunctionIndex(&found, &function)) {
         // The object's reference passes to the bound method.
         ReleaseValue(&found);
         slot->meta = kPsThisSubFlag;
@@ -573,15 +639,50 @@ PS_COLD psStatus resolveInterface(pscDomain* domain, psTypedValue* slot, psName*
   return kPsOkay;
 }
 
-inline bool fastMemberSet(psTypedValue* object, const psName* name, const psTypedValue* value) {
+// object.name = value, the value taken over. False: not an associative array, or no value.
+//
+// A member that exists already, newest of its bucket and under the same spelling, is stored over;
+// replacing it would put it where it is. Everything else is the container's own affair.
+inline bool fastMemberSet(const psTypedValue* object, const psName* name,
+                          const psTypedValue* value, psStatus* status) {
   if (!psIs(*object, kPsObjectFlag) || value->type_flags == 0) return false;
-  if (object->value.psc->psc_class != &clAssociativeArray) return false;
-  psTypedValue kept = *value;
-  kept.meta = (value->meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
+  if (PS_UNLIKELY(object->value.psc->psc_class != &clAssociativeArray)) return false;
   auto* array = pscData<psAssocArray>(object->value.psc);
   const psGuard guard(array->lock);
+  *status = kPsOkay;
+  psAssocEntry* newest = array->buckets[name->bucket];
+  if (PS_LIKELY(newest != nullptr && sameSpelling(newest, name) && newest != array->enum_entry)) {
+    if (psIs(*value, kPsRawDoubleFlag)) {
+      *status = storeDouble(object->value.psc->domain, &newest->value, value->value.d,
+                            kPsObjectFlag | kPsBoxedFlag);
+      return true;
+    }
+    psTypedValue kept = *value;
+    kept.meta = (value->meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
+    storeOver(&newest->value, kept);
+    return true;
+  }
+  psTypedValue kept = *value;
+  if (psIs(kept, kPsRawDoubleFlag)) {
+    *status = boxRawDouble(object->value.psc->domain, &kept);
+    if (*status != kPsOkay) return true;
+  }
+  kept.meta = (kept.meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
   psAssocAddReplace(array, name->text, name->hash, kept);
   return true;
+}
+
+// The plain way, for an object and a value on the stack.
+PS_NOINLINE psStatus slowMemberSet(pscDomain* domain, psTypedValue* value, psTypedValue* object,
+                                   const psName& name) {
+  if (psIs(*value, kPsRawDoubleFlag)) {
+    const psStatus status = boxRawDouble(domain, value);
+    if (status != kPsOkay) {
+      ReleaseValue(object);
+      return status;
+    }
+  }
+  return DoDotSet(value, object, name);
 }
 
 // --- Loops over objects -----------------------------------------------------------------------
@@ -663,6 +764,40 @@ psStatus callGlobal(psProc* p, const fundes* function, int n, psTypedValue* args
   return status;
 }
 
+// --- Sums of texts ----------------------------------------------------------------------------
+
+// s becomes s followed by the pieces, which are consumed.
+PS_NOINLINE psStatus appendPieces(pscDomain* domain, psTypedValue* s, const psTypedValue* pieces) {
+  psStatus status = kPsOkay;
+  if (psIsStringBox(*s) && soleOwner(s->value.psc)) {
+    if (psStringAppend(s->value.psc, GetStringPtr(pieces))) {
+      s->meta = kPsObjectFlag | kPsStringFlavourFlag;
+    } else {
+      status = kPsStringOutOfMemory;
+    }
+  } else {
+    pscInstance* text = psNewStringConcat(domain, GetStringPtr(s), GetStringPtr(pieces));
+    if (text != nullptr) {
+      storeOver(s, psStringObjectValue(text));
+    } else {
+      status = kPsStringOutOfMemory;
+    }
+  }
+  ReleaseValue(pieces);
+  return status;
+}
+
+// A stop in the middle of a chain: the gathered pieces become the sum so far, which is what the
+// plain instructions have in this place.
+PS_COLD void leaveChain(psProc* p) {
+  psTypedValue* slot = p->ctx->chain_slot;
+  p->ctx->chain_slot = nullptr;
+  if (!psIsStringBox(*slot)) return;
+  const psTypedValue* s = p->ctx->locals + p->ctx->chain_local;
+  pscInstance* text = psNewStringConcat(p->domain, GetStringPtr(s), GetStringPtr(slot));
+  storeOver(slot, text != nullptr ? psStringObjectValue(text) : psInvalidValue());
+}
+
 // --- Frames -----------------------------------------------------------------------------------
 
 inline void releaseRange(psTypedValue* from, const psTypedValue* to) {
@@ -681,11 +816,42 @@ inline void leaveFrame(psProc* p, subctx* frame) {
 
 inline psTypedValue* stackEnd(psProc* p) { return p->eval_stack + kPsStackSlots; }
 
+inline void prepareSlots(psProc* p, psTypedValue* unset, psTypedValue* end, psTypedValue* global,
+                         pscInstance* m) {
+  for (; unset < end; unset++) unset->meta = 0;
+  global->value.iface = p->ifGlobal;
+  global->meta = kPsInterfaceFlag;
+  psTypedValue* self = global + 1;
+  if (PS_LIKELY(m != nullptr)) {
+    pscAddRef(m);
+    self->value.psc = m;
+    self->meta = kPsObjectFlag;
+  } else {
+    *self = psInvalidValue();
+  }
+}
+
 // Where the callee of a call leads: a function of the module and its receiver.
 struct Callee {
   psFunction* function = nullptr;
   pscInstance* receiver = nullptr;
 };
+
+// The frame of a call that has passed every check; its code begins at a known instruction.
+inline void openFrame(psProc* p, const Callee& callee, int n, psTypedValue* first,
+                      psTypedValue* end, int parameters) {
+  subctx* frame = &p->frames[p->frame_count++];
+  frame->calling_args_n = n;
+  frame->sub = callee.function;
+  frame->locals = first;
+  frame->prev = p->ctx;
+  frame->calling_evsp = first;
+  frame->varlistsize = static_cast<uint32_t>(end - first);
+  frame->resume = nullptr;
+  frame->chain_slot = nullptr;
+  p->ctx = frame;
+  prepareSlots(p, first + n, end, first + parameters, callee.receiver);
+}
 
 bool functionAt(psProc* p, unsigned index, Callee* callee) {
   if (index >= p->mod->functions.size()) return false;
@@ -721,6 +887,10 @@ void convertOrFail(pscDomain* domain, psTypedValue* v, psTypeEnum type, psStatus
 // Consumes a break request; the code to stop with, or 0.
 psStatus takeBreak(psProc* p) {
   uint32_t word = p->break_word.load(std::memory_order_acquire);
+  if ((word & kPsBreakCounted) != 0 && p->turns_left-- == 0) {
+    p->break_word.fetch_and(~kPsBreakCounted);
+    return kPsBreak;
+  }
   for (;;) {
     const auto code = static_cast<psStatus>(word & kPsBreakCodeMask);
     if (code == 0 || (word & kPsBreakSticky) != 0) return code;
@@ -732,14 +902,10 @@ bool stepping(const psProc* p) {
   return (p->break_word.load(std::memory_order_relaxed) & kPsBreakStep) != 0;
 }
 
-// One loop turn, call or return: counts it for watchdogs, and for a limit where one is set.
+// One loop turn, call or return: tells watchdogs that the script moves, and looks for a break.
 inline bool turn(psProc* p) {
   psInstructionCounter.store(psInstructionCounter.load(std::memory_order_relaxed) + 1,
                              std::memory_order_relaxed);
-  if (PS_UNLIKELY(p->turn_limit != 0) && ++p->turns > p->turn_limit) {
-    p->turns = 0;
-    p->break_word.store(kPsBreak);
-  }
   return PS_UNLIKELY(p->break_word.load(std::memory_order_relaxed) != 0);
 }
 
@@ -755,6 +921,11 @@ const void* const* psHandlers() {
   return handler_table;
 }
 const void* psPlainHandler() { return psHandlers()[kFastOpCount]; }
+
+void psSetTurnLimit(psProc* p, uint64_t turns) {
+  p->turns_left = turns;
+  p->break_word.fetch_or(kPsBreakCounted);
+}
 
 psStatus psPushFrame(psProc* p, psFunction* function, int n, pscInstance* m) {
   const int parameters = function->parameters();
@@ -778,20 +949,10 @@ psStatus psPushFrame(psProc* p, psFunction* function, int n, pscInstance* m) {
   frame->calling_evsp = locals;
   frame->varlistsize = function->variable_count;
   frame->resume = nullptr;
+  frame->chain_slot = nullptr;
   p->ctx = frame;
-  for (psTypedValue* slot = p->evsp; slot < end; slot++) slot->meta = 0;
+  prepareSlots(p, p->evsp, end, locals + parameters, m);
   p->evsp = end;
-  psTypedValue* global = locals + parameters;
-  global->value.iface = p->ifGlobal;
-  global->meta = kPsInterfaceFlag;
-  psTypedValue* self = global + 1;
-  if (m != nullptr) {
-    pscAddRef(m);
-    self->value.psc = m;
-    self->meta = kPsObjectFlag;
-  } else {
-    *self = psInvalidValue();
-  }
   return kPsOkay;
 }
 
@@ -995,15 +1156,21 @@ break_seen:  // before the instruction at ip
   p->evsp = sp;
   status = takeBreak(p);
   if (status != 0) {
+    if (p->ctx->chain_slot != nullptr) leaveChain(p);
     p->last_status = status;
     p->error_offset = static_cast<int32_t>(p->ctx->pc);
     p->error_function = p->ctx->sub;
     return status;
   }
+  if (PS_UNLIKELY(p->ctx->chain_slot != nullptr)) {
+    leaveChain(p);
+    goto resume;
+  }
   if (stepping(p) && !plain) goto resume;
   DISPATCH;
 
 failed:  // the instruction at ip has failed with status
+  if (PS_UNLIKELY(p->ctx->chain_slot != nullptr)) leaveChain(p);
   p->ctx->pc = ip->next_pc;
   p->ctx->resume = nullptr;
   p->evsp = sp;
@@ -1093,6 +1260,27 @@ L_PopLTyped: {
   storeOver(to, *--sp);
   NEXT;
 }
+
+// s = s + a + b …: the pieces are gathered in a text of their own and then appended to s, which would
+// otherwise be copied whole for the first sum. Only for a text that nobody else holds.
+L_ChainBegin: {
+  const psTypedValue* s = &locals[ip->a];
+  if (psIsStringBox(*s) && soleOwner(s->value.psc)) {
+    if (pscInstance* pieces = psNewString(p->domain, {})) {
+      *sp = psStringObjectValue(pieces);
+      p->ctx->chain_slot = sp++;
+      p->ctx->chain_local = ip->a;
+      NEXT;
+    }
+  }
+  ip += ip->jump;
+  DISPATCH;
+}
+
+L_ChainEnd:
+  p->ctx->chain_slot = nullptr;
+  CHECK(appendPieces(p->domain, &locals[ip->a], --sp));
+  NEXT;
 
 L_MoveL: {
   const psTypedValue* v = &locals[ip->b];
@@ -1286,6 +1474,10 @@ L_Call: {
       PS_LIKELY(static_cast<uint64_t>(slot->value.i) < p->mod->functions.size())) {
     callee.function = p->mod->functions[static_cast<size_t>(slot->value.i)];
     callee.receiver = p->mod->global_object;
+  } else if (psIs(*slot, kPsThisSubFlag) &&
+             static_cast<uint16_t>(slot->function_index) < p->mod->functions.size()) {
+    callee.function = p->mod->functions[static_cast<uint16_t>(slot->function_index)];
+    callee.receiver = slot->value.psc;
   } else if (!findCallee(p, slot, &callee)) {
     status = kPsCallOnNonFunction;
     goto call_failed;
@@ -1293,18 +1485,29 @@ L_Call: {
   subctx* caller = p->ctx;
   caller->pc = ip->next_pc;
   caller->resume = plain ? nullptr : ip + 1;
+  psDecodedCode* code = callee.function->decoded;
+  if (PS_LIKELY(code != nullptr && n <= code->parameters && code->fast != nullptr) &&
+      PS_LIKELY(p->debug_session == nullptr && p->frame_count < kPsMaxFrames)) {
+    const psInstruction* entry = code->entries[static_cast<size_t>(n)];
+    psTypedValue* first = sp - n;
+    const uint32_t slots = callee.function->variable_count;
+    psTypedValue* end = first + slots;
+    if (PS_LIKELY(entry != nullptr && end <= p->eval_stack + kPsFrameLimit &&
+                  end + code->max_depth <= stackEnd(p))) {
+      openFrame(p, callee, n, first, end, code->parameters);
+      plain = false;
+      locals = first;
+      sp = end;
+      ip = entry;
+      if (turn(p)) goto break_seen;
+      DISPATCH;
+    }
+  }
   p->evsp = sp;
   status = psPushFrame(p, callee.function, n, callee.receiver);
   if (PS_UNLIKELY(status != kPsOkay)) goto call_failed;
   sp = p->evsp;
-  locals = sp - p->ctx->varlistsize;
-  psDecodedCode* code = callee.function->decoded;
-  if (PS_UNLIKELY(code == nullptr)) code = psDecode(callee.function);
-  if (PS_UNLIKELY(code->fast == nullptr || sp + code->max_depth > stackEnd(p))) goto resume;
-  plain = false;
-  ip = code->entries[static_cast<size_t>(n)];
-  if (turn(p)) goto break_seen;
-  DISPATCH;
+  goto resume;
 }
 
 call_failed: {
@@ -1503,6 +1706,14 @@ L_GlobalInt: {
 L_Array: {
   const int n = ip->a;
   sp -= n;
+  const pscInstance* row = rowOf(sp - 1, sp, n);
+  if (PS_LIKELY(row != nullptr && psIs(sp[n - 1], kPsIntegerFlag))) {
+    const psTypedValue result =
+        arrayElement(pscData<psArray>(const_cast<pscInstance*>(row)), sp[n - 1].value.i);
+    ReleaseValue(sp - 1);
+    moveValue(sp - 1, result);
+    NEXT;
+  }
   CHECK(DoArrayGet(sp - 1, n, false));
   NEXT;
 }
@@ -1520,7 +1731,7 @@ L_ArrayCall: {
     const psTypedValue* index = Y_##MODE;                                        \
     psTypedValue result;                                                         \
     status = kPsOkay;                                                            \
-    if (PS_LIKELY(fastIndex(container, index, &result))) {                       \
+    if (PS_LIKELY(fastIndex(container, index, ip->c != 0, &result))) {           \
       if (OWN_##MODE & kOwnLeft) ReleaseValue(container);                        \
     } else {                                                                     \
       status = slowIndex(container, index, OWN_##MODE, &result);                 \
@@ -1539,7 +1750,7 @@ L_ArrayCall: {
 #define INDEX_TO_LOCAL(MODE)                                                     \
   L_Index##MODE##_L : {                                                          \
     psTypedValue result;                                                         \
-    if (PS_UNLIKELY(!fastIndex(X_##MODE, Y_##MODE, &result))) {                  \
+    if (PS_UNLIKELY(!fastIndex(X_##MODE, Y_##MODE, false, &result))) {           \
       status = slowIndex(X_##MODE, Y_##MODE, 0, &result);                        \
       if (PS_UNLIKELY(status != kPsOkay)) {                                      \
         *sp++ = result;                                                          \
@@ -1555,6 +1766,15 @@ L_ArrayCall: {
 L_ArraySet: {
   const int n = ip->a;
   sp -= n + 2;
+  if (pscInstance* row = rowOf(sp + 1, sp + 2, n)) {
+    psTypedValue inner = psMakeValue(kPsObjectFlag, 0);
+    inner.value.psc = row;
+    if (PS_LIKELY(fastIndexSet(&inner, &sp[n + 1], sp, &status))) {
+      ReleaseValue(sp + 1);
+      if (PS_UNLIKELY(status != kPsOkay)) goto failed;
+      NEXT;
+    }
+  }
   CHECK(DoArraySet(sp, n));
   NEXT;
 }
@@ -1608,7 +1828,7 @@ L_DotDot:
 L_DotL_S: {
   const psTypedValue* object = &locals[ip->a];
   if (PS_LIKELY(isAssociative(object))) {
-    const psTypedValue found = memberOf(object->value.psc, ip->x.name);
+    const psTypedValue found = memberOf(object->value.psc, ip->x.name, ip->c != 0);
     *sp++ = found.type_flags != 0 ? found : psInvalidValue();
     NEXT;
   }
@@ -1660,19 +1880,22 @@ L_DotInterface: {
 
 L_DotSet:
   sp -= 2;
-  if (PS_LIKELY(fastMemberSet(sp + 1, ip->x.name, sp))) {
+  if (PS_LIKELY(fastMemberSet(sp + 1, ip->x.name, sp, &status))) {
     ReleaseValue(sp + 1);
+    if (PS_UNLIKELY(status != kPsOkay)) goto failed;
     NEXT;
   }
-  CHECK(DoDotSet(sp, sp + 1, *ip->x.name));
+  CHECK(slowMemberSet(p->domain, sp, sp + 1, *ip->x.name));
   NEXT;
 
 L_DotSetL: {
   sp--;
-  psTypedValue* object = &locals[ip->a];
-  if (PS_LIKELY(fastMemberSet(object, ip->x.name, sp))) NEXT;
-  psTypedValue copy = psCopyValue(*object);
-  CHECK(DoDotSet(sp, &copy, *ip->x.name));
+  if (PS_LIKELY(fastMemberSet(&locals[ip->a], ip->x.name, sp, &status))) {
+    if (PS_UNLIKELY(status != kPsOkay)) goto failed;
+    NEXT;
+  }
+  psTypedValue copy = psCopyValue(locals[ip->a]);
+  CHECK(slowMemberSet(p->domain, sp, &copy, *ip->x.name));
   NEXT;
 }
 
@@ -1728,7 +1951,33 @@ L_Neg:
 #define SLOW_S SLOW_TO_STACK
 #define SLOW_L SLOW_TO_LOCAL
 
-// Two Integers or two Floats; everything else is slow.
+// Two doubles whose result the next operator or store takes without a box, or one that goes into a
+// local.
+#define DOUBLES_S(MODE, FLOATING)                                                             \
+  double i, j;                                                                                \
+  if (PS_LIKELY(ip->c != 0) && readDouble(x, &i) && readDouble(y, &j)) {                      \
+    const double r = FLOATING;                                                                \
+    releaseOwned(x, y, OWN_##MODE);                                                           \
+    sp += 1 - POPS_##MODE;                                                                    \
+    sp[-1].value.d = r;                                                                       \
+    sp[-1].meta = kPsRawDoubleFlag;                                                           \
+    NEXT;                                                                                     \
+  }
+#define DOUBLES_L(MODE, FLOATING)                                                             \
+  double i, j;                                                                                \
+  if (readDouble(x, &i) && readDouble(y, &j)) {                                               \
+    const double r = FLOATING;                                                                \
+    releaseOwned(x, y, OWN_##MODE);                                                           \
+    sp -= POPS_##MODE;                                                                        \
+    status = storeDouble(p->domain, &locals[ip->c], r, kPsObjectFlag);                        \
+    if (PS_UNLIKELY(status != kPsOkay)) {                                                     \
+      *sp++ = psInvalidValue();                                                               \
+      goto failed;                                                                            \
+    }                                                                                         \
+    NEXT;                                                                                     \
+  }
+
+// Two Integers, two Floats or two doubles; everything else is slow.
 #define ARITHMETIC(OP, MODE, DST, INTEGER, FLOATING)                                          \
   L_##OP##MODE##_##DST : {                                                                    \
     const psTypedValue* x = X_##MODE;                                                         \
@@ -1746,6 +1995,7 @@ L_Neg:
       const float r = FLOATING;                                                               \
       DELIVER_##DST(MODE, setFloat, r)                                                        \
     }                                                                                         \
+    DOUBLES_##DST(MODE, FLOATING)                                                             \
     SLOW_##DST(OP, MODE)                                                                      \
   }
 #define X(OP, MODE, DST) ARITHMETIC(OP, MODE, DST, i + j, i + j)
