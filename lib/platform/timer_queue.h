@@ -29,8 +29,8 @@ class TimerQueue {
   TimerQueue();
   ~TimerQueue();
 
-  // Due times are monotonic nanoseconds; calls with equal due times run in the order they were
-  // added.
+  // Due times are monotonic nanoseconds; calls with equal due times run in the order
+  // they were added.
   void Add(const TimerCall& call, int64_t due);
   // Removes, of the timers that make this call, the one that would run first. No match is no error.
   void Cancel(const TimerCall& call);
