@@ -44,10 +44,6 @@ class Observer : public lattix::SignalObserver, public lattix::ChildProcessObser
 
 class AsyncSignalsTest : public testing::Test {
  protected:
-  AsyncSignalsTest() {
-    lattix::ConfigureSignals(lattix::kBlockSignals);
-    m_dispatcher = std::make_unique<SignalDispatcher>();
-  }
   // Sends a signal to this process and waits until it has been dispatched.
   void Dispatch(int signal) {
     Observer last;
@@ -57,7 +53,8 @@ class AsyncSignalsTest : public testing::Test {
     m_dispatcher->Detach(signal, &last);
   }
 
-  std::unique_ptr<SignalDispatcher> m_dispatcher;
+  BlockedSignals m_blocked;
+  std::unique_ptr<SignalDispatcher> m_dispatcher = std::make_unique<SignalDispatcher>();
 };
 
 TEST_F(AsyncSignalsTest, ObserversOfASignalAreCalledInOrder) {
@@ -204,7 +201,7 @@ TEST_F(AsyncSignalsDeathTest, DebugModeDispatchesInterruptsOfOneIntervalOnce) {
       {
         TemporaryRoot root;
         root.Write("/proc/cmdline", "quiet ps.debug\n");
-        lattix::ConfigureSignals(lattix::kBlockSignals);
+        BlockedSignals blocked;
         Observer observer;
         {
           SignalDispatcher dispatcher;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "lib/platform/always_magic.h"
+#include "lib/platform/condition_variable.h"
 #include "lib/platform/device_file.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/errno_exception.h"

@@ -4,8 +4,8 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
-#include <termios.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <string>
@@ -94,7 +94,7 @@ TEST(SpawnProcessTest, ChildHasItsOwnSettings) {
 }
 
 TEST(SpawnProcessTest, ChildReceivesTheSignalsThatThePlayerBlocks) {
-  lattix::ConfigureSignals(lattix::kBlockSignals);
+  BlockedSignals blocked;
   SpawnProcess process("grep", {"SigBlk", "/proc/self/status"});
   EXPECT_EQ(Output(process), "SigBlk:\t0000000000000000\n");
 }
@@ -216,7 +216,7 @@ class Observer : public lattix::ChildProcessObserver {
 };
 
 TEST(SpawnProcessTest, ObserverHearsOfTheEnd) {
-  lattix::ConfigureSignals(lattix::kBlockSignals);
+  BlockedSignals blocked;
   lattix::SignalDispatcher dispatcher;
   Observer observer;
   SpawnProcess process("true");

@@ -2,12 +2,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "lib/platform/async_signals.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/simple_event.h"
 
@@ -41,6 +43,19 @@ class TemporaryRoot {
  private:
   const std::string m_before;
   std::string m_path;
+};
+
+// Blocks the dispatched signals in this thread as long as the object lasts.
+class BlockedSignals {
+ public:
+  BlockedSignals() {
+    pthread_sigmask(SIG_SETMASK, nullptr, &m_before);
+    lattix::ConfigureSignals(lattix::kBlockSignals);
+  }
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+ private:
+  sigset_t m_before;
 };
 
 // Death tests start the program anew: it has threads, which a fork would not copy.
