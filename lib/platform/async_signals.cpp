@@ -1,5 +1,5 @@
-// The dispatcher thread waits for the dispatched signals and for SIGUSR1, which is its order to
-// end.
+// The dispatcher thread waits for the dispatched signals and for SIGUSR1, which is
+// its order to end.
 //
 // The kernel keeps one pending SIGCHLD however many children end, and tells one process id with it.
 // So every SIGCHLD makes the dispatcher look at all the observed children, without reaping them;
@@ -34,8 +34,8 @@ namespace {
 constexpr int kStopSignal = SIGUSR1;
 // How often debug mode looks whether its SIGINT handler has run.
 constexpr timespec kInterruptCheckInterval = {0, 100'000'000};
-// Observers do not block, so the thread ends at once; a device that cannot even do that within this
-// time is hung.
+// Observers do not block, so the thread ends at once; a device that cannot even do that within
+// this time is hung.
 constexpr int64_t kStopTimeoutMs = 10'000;
 
 constexpr char kReceivedMessage[] = "SignalDispatcher received signal {}\n";

@@ -71,10 +71,10 @@ class SignalDispatcher : public Singleton<SignalDispatcher> {
   // Removes the first such attachment, which must exist.
   void Detach(int signal, SignalObserver* observer);
 
-  // The observer hears once of the end of the child, and is then detached by itself. The lock that
-  // proves the caller's right has to be held since before the fork: then the child's end cannot be
-  // dispatched before the observer is there. A second observer of the same child replaces the
-  // first.
+  // The observer hears once of the end of the child, and is then detached by itself. The lock
+  // that proves the caller's right has to be held since before the fork: then the child's end
+  // cannot be dispatched before the observer is there. A second observer of the same child
+  // replaces the first.
   void AttachChildProcess(const SignalObserverScopedLock& lock, pid_t child,
                           ChildProcessObserver* observer);
   // The attachment must still exist: the child's end has not been dispatched.

@@ -5,9 +5,9 @@
 
 #include "lib/platform/multi_watchdog.h"
 
-// The supervisor reports that it is alive through whoever runs it, who calls Defer. When it stops,
-// it is told to abort, so that its crash is recorded; the device is reset when that does not end
-// it.
+// The supervisor reports that it is alive through whoever runs it, who calls Defer. When it
+// stops, it is told to abort, so that its crash is recorded; the device is reset when that
+// does not end it.
 class BootstrapWatchdog final : public MultiWatchdog::Client {
  public:
   // How the watchdog reaches the supervisor and the settings. Called on the watchdog's thread with

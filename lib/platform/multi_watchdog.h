@@ -45,9 +45,9 @@ class MultiWatchdog::Client : private lattix::AlwaysMagic<2870450721> {
  public:
   virtual ~Client() = default;
 
-  // The deadline has passed. True: really stuck, give up. False: there was progress, and the
-  // deadline has been extended. Called on the watchdog's thread with its mutex held: must not
-  // block.
+  // The deadline has passed. True: really stuck, give up. False: there was progress, and
+  // the deadline has been extended. Called on the watchdog's thread with its mutex held:
+  // must not block.
   virtual bool OnTimeout() = 0;
   // For messages.
   virtual std::string GetName() const = 0;

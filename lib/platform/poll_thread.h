@@ -1,13 +1,13 @@
 // The process's one event loop for native code: file descriptors and timers, served on one thread.
 //
 // An object that owns a descriptor is a Pollable and attaches itself; an object that wants a call
-// at a later time is a TimerClient and adds a timer. Callbacks run on the poll thread with the poll
-// thread's recursive mutex held. So a callback may attach, detach, change events, add and cancel
-// timers (its own too), but must not block and must not throw; another thread that calls any of
-// these waits until the running callback is over. That gives the rule that makes destruction safe:
-// once Detach or CancelTimer has returned on another thread, no such callback is running or will
-// run. It also gives the trap: a thread that holds a lock which a callback takes must not call in
-// here.
+// at a later time is a TimerClient and adds a timer. Callbacks run on the poll thread with the
+// poll thread's recursive mutex held. So a callback may attach, detach, change events, add and
+// cancel timers (its own too), but must not block and must not throw; another thread that calls
+// any of these waits until the running callback is over. That gives the rule that makes
+// destruction safe: once Detach or CancelTimer has returned on another thread, no such callback is
+// running or will run. It also gives the trap: a thread that holds a lock which a callback takes
+// must not call in here.
 //
 // A client detaches and cancels before it is destroyed, in its destructor's first lines, and is not
 // destroyed while one of its own callbacks runs.

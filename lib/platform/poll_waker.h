@@ -4,12 +4,12 @@
 #include "lib/platform/unique_fd.h"
 
 // An ordinary pipe whose read end a loop polls for POLLIN. Every Wake is one byte and has to be
-// acknowledged once. The pipe is blocking: a waker that nobody acknowledges makes Wake wait once
-// the pipe is full (64 KiB on Linux), so a caller that may wake often keeps its own "already woken"
-// flag.
+// acknowledged once. The pipe is blocking: a waker that nobody acknowledges makes Wake wait
+// once the pipe is full (64 KiB on Linux), so a caller that may wake often keeps its own
+// "already woken" flag.
 //
-// Wake may be called from any thread, Acknowledge from the loop's. Destroyed when neither is
-// running.
+// Wake may be called from any thread, Acknowledge from the loop's. Destroyed when
+// neither is running.
 class PollWaker {
  public:
   // Throws lattix::ErrnoException when no pipe can be made.

@@ -97,6 +97,7 @@ Account LookUpAccount(const std::string& user, const std::string& group) {
 
 std::vector<char*> PointersTo(std::vector<std::string>& strings) {
   std::vector<char*> pointers;
+  pointers.reserve(strings.size() + 1);
   for (std::string& s : strings) pointers.push_back(s.data());
   pointers.push_back(nullptr);
   return pointers;

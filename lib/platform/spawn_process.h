@@ -57,8 +57,8 @@ class SpawnProcess {
     int m_signal;
   };
 
-  // The program is found along PATH when its name has no slash; it gets its own name and then the
-  // arguments.
+  // The program is found along PATH when its name has no slash; it gets its own name and then
+  // the arguments.
   explicit SpawnProcess(std::string program, std::vector<std::string> args = {});
   // Closes the pipes and detaches the observer. A child that has ended is reaped, a running one
   // goes on by itself.

@@ -29,8 +29,8 @@ class WatchedScope final : public MultiWatchdog::Client {
 // within the same time again.
 class EarlyWarningWatchedScope final : public MultiWatchdog::Client {
  public:
-  // The callback runs once, on the watchdog's thread with its mutex held: it must not block or
-  // throw.
+  // The callback runs once, on the watchdog's thread with its mutex held: it must not
+  // block or throw.
   EarlyWarningWatchedScope(std::string name, std::chrono::nanoseconds timeout,
                            std::function<void()> on_early_warning);
   ~EarlyWarningWatchedScope() override;
