@@ -136,7 +136,7 @@ Host::Host() {
 
   psInitArguments arguments;
   // Beside the script first, so that a presentation can bring its own version of a library.
-  arguments.library_prefixes = {"", "SYS:/script-lib/"};
+  arguments.library_prefixes = {"SYS:/script-lib/", ""};
   scriptInit(std::move(arguments));
   KelvoRegisterClasses();
   m_process = scriptCreateProcess();

@@ -109,8 +109,8 @@ class EditingReader : public LineReader {
     ::sigaddset(&interrupt, SIGINT);
     ::sigprocmask(SIG_BLOCK, &interrupt, &m_while_waiting);
     ::el_resize(m_editor);
-    // The editor writes the prompt first and changes the mode then; whoever answers a prompt quickly
-    // would still talk to line mode.
+    // The editor writes the prompt first and changes the mode then; whoever answers a prompt
+    // quickly would still talk to line mode.
     ::el_set(m_editor, EL_PREP_TERM, 1);
     int n = 0;
     const char* typed = ::el_gets(m_editor, &n);

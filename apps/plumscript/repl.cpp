@@ -87,10 +87,15 @@ int ReadAndRun(Host& host, LineReader& reader) {
     statement += line;
     statement += '\n';
     uint32_t start = 0;
+    const psLiveMark mark = LiveMark(p->mod, p->ctx->sub);
     errors = LiveCompile(statement, p->mod, p->ctx->sub, &start, p->domain);
     if (LacksItsEnd(statement, errors)) continue;
     host.PrintCompileErrors(errors);
-    if (errors.empty()) RunStatement(host, start);
+    if (errors.empty()) {
+      RunStatement(host, start);
+      p->ctx->resume = nullptr;
+      LiveForget(p->mod, p->ctx->sub, mark);
+    }
     errors.clear();
     statement.clear();
   }
@@ -103,7 +108,7 @@ int RunInteractively() {
   Host host;
   host.SetScript(nullptr);
   const auto reader = LineReader::Make(kMaxStatement);
-  if (!scriptCompileText(host.process(), "\n", "$REPL")) {
+  if (!scriptCompileText(host.process(), "", "$REPL")) {
     host.PrintCompileErrors();
     return kExitLoadError;
   }

@@ -1,17 +1,17 @@
 // An auto-resetting event between threads.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
-#include <mutex>
 
 #include "lib/platform/always_magic.h"
-#include "lib/platform/condition_variable.h"
 
 // One Set releases one Wait; a Set with nobody waiting is remembered (once) until the next Wait.
 // Every operation checks the object's guard first, because the event is reached through an opaque
 // pointer from break hooks that may come late.
 //
-// Set and Wait may be called from any thread. Destroyed when nobody waits.
+// Set may be called from any thread and from a signal handler, Wait from any thread. Destroyed when
+// nobody waits; a Set that has let a waiter go does not touch the event any more.
 class SimpleEvent : private lattix::AlwaysMagic<1166418458> {
  public:
   void Set();
@@ -21,7 +21,5 @@ class SimpleEvent : private lattix::AlwaysMagic<1166418458> {
   bool Wait(int32_t timeout_ms);
 
  private:
-  std::mutex m_mutex;
-  lattix::condition_variable m_raised;
-  bool m_set = false;  // guarded by m_mutex
+  std::atomic<uint32_t> m_raised{0};  // 0 or 1
 };

@@ -221,6 +221,10 @@ TEST_F(PlumscriptTest, HelpAndVersionGoToStandardOutput) {
   EXPECT_EQ(help.status, 0);
   EXPECT_THAT(help.out, testing::StartsWith(kUsageStart));
   EXPECT_EQ(help.err, "");
+  for (const std::vector<std::string>& arguments : std::initializer_list<std::vector<std::string>>{
+           {"-h"}, {"run", "--help"}, {"repl", "-h"}, {"check", "--help", "missing.plm"}}) {
+    EXPECT_EQ(Run(arguments).out, help.out);
+  }
   const Outcome version = Run({"--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_THAT(version.out, testing::MatchesRegex("plumscript [0-9]+\\.[0-9]+\\.[0-9]+\n"));
@@ -411,6 +415,26 @@ TEST_F(PlumscriptTest, ReplTellsOfABlockThatNeverEnds) {
   EXPECT_THAT(outcome.err, HasSubstr("was not terminated correctly. (compile error &hb5)"));
 }
 
+TEST_F(PlumscriptTest, ReplWaitsForTheEndOfALiteral) {
+  const Outcome outcome = Run({"repl"},
+                              "a = [1, \"]\" ' ]\n{ b: 2\nc: [3]\n}]\n"
+                              "print a[1]; a[2].c[0]\n"
+                              "x = ]\n"
+                              "print 4\n"
+                              "y = [\n");
+  EXPECT_EQ(outcome.out, "] 3\n 4\n");
+  EXPECT_THAT(outcome.err, testing::MatchesRegex("(Syntax Error. [^\n]*\n){2}"));
+}
+
+TEST_F(PlumscriptTest, ReplNeverRunsOutOfRoom) {
+  // Each loop takes two labels of the 255 that a function has.
+  std::string input = "f = function(x)\nreturn 1 / x\nend function\ny = 0\n";
+  for (int i = 0; i < 300; ++i) input += "for i = 1 to 2 : y = y + 1 : end for\n";
+  const Outcome outcome = Run({"repl"}, input + "print y; f(1)\nprint f(0)\n");
+  EXPECT_EQ(outcome.out, " 600 1 \n");
+  EXPECT_EQ(outcome.err, "Divide by Zero. (runtime error &h14) in $LIVECOMPILE(2)\n");
+}
+
 TEST_F(PlumscriptTest, ReplRefusesEndlessLines) {
   Tool tool = Start({"repl"});
   const std::string part(64 * 1024, 'x');
@@ -430,23 +454,21 @@ TEST_F(PlumscriptTest, ATerminalGetsPromptsAndEditing) {
   Tool tool = Start({"repl"}, true);
   ASSERT_TRUE(tool.Expect("> "));
   tool.Type("print 4x\b2\n");  // a slip of the finger, taken back
-  ASSERT_TRUE(tool.Expect(" 42"));
-  ASSERT_TRUE(tool.Expect("> "));
+  ASSERT_TRUE(tool.Expect("\n 42\r\n> "));
   tool.Type("if true then\n");
-  ASSERT_TRUE(tool.Expect("... "));
-  tool.Type("print 7\n");
-  ASSERT_TRUE(tool.Expect("... "));
+  ASSERT_TRUE(tool.Expect("\n... "));
+  tool.Type("print 7;\n");
+  ASSERT_TRUE(tool.Expect("\n... "));
   tool.Type("end if\n");
-  ASSERT_TRUE(tool.Expect(" 7"));
-  ASSERT_TRUE(tool.Expect("> "));
+  ASSERT_TRUE(tool.Expect("\n 7\r\n> "));       // the prompt starts a line of its own
   tool.Type("nonsense that is never run\003");  // Ctrl-C clears the line
-  ASSERT_TRUE(tool.Expect("> "));
+  ASSERT_TRUE(tool.Expect("\n> "));
   tool.Type("while true : end while\n");
-  ASSERT_TRUE(tool.Expect("\n"));
+  ASSERT_TRUE(tool.Expect("while\r\n"));
   tool.Type("\003");  // and breaks a run
   ASSERT_TRUE(tool.Expect("> "));
-  tool.Type("\033[A\033[A\n");  // the history
-  ASSERT_TRUE(tool.Expect("> "));
+  tool.Type("\033[A\033[A\033[A\n");  // the history
+  ASSERT_TRUE(tool.Expect("\n 7\r\n> "));
   tool.Type("\004");
   EXPECT_EQ(tool.Finish(), 0);
   EXPECT_THAT(tool.err, AllOf(HasSubstr("BREAK (runtime error &hf8)"), Not(HasSubstr("nonsense"))));

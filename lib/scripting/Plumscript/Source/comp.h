@@ -55,6 +55,18 @@ void compFree(psParser* parser);
 psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction* function,
                             uint32_t* start, pscDomain* domain);
 
+// Takes back what a LiveCompile appended, once it has run: a function has room for so many labels and
+// so much code, and a session of any number of statements in one of them must not use it up. The
+// mark is taken before the LiveCompile; the function's frame must be the innermost and stands before
+// the appended code. Variables, constants and anonymous functions stay.
+struct psLiveMark {
+  size_t code;
+  size_t labels;
+  size_t lines;
+};
+psLiveMark LiveMark(const psModule* module, const psFunction* function);
+void LiveForget(psModule* module, psFunction* function, const psLiveMark& mark);
+
 // Prefixes under which LIBRARY files are looked for, in order; for the rest of the process.
 void compSetLibraryPrefixes(std::vector<std::string> prefixes);
 

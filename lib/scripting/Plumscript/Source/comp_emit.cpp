@@ -395,7 +395,7 @@ bool mpDefineLabel(psParser* p, const psID& id) {
 }
 
 void mpAddGoto(psParser* p, const psID& id) {
-  p->sp.gotos.push_back({mpIdent(p, id), id.text(), pcNow(p)});
+  p->sp.gotos.push_back({mpIdent(p, id), id.text(), pcNow(p), p->lex.line_num});
   emit(p, 0);
 }
 
@@ -422,10 +422,10 @@ void mpResolveGotos(psParser* p) {
     const size_t examined = found != kUnknown ? found + 1 : labels.size();
     // An operand byte reaches label 255; every label looked at behind it is one more error.
     for (size_t i = 256; i < examined; i++) {
-      if (AddError(p, kPsLabelNotFound, jump.name) != kPsOkay) break;
+      if (AddError(p, kPsLabelNotFound, jump.name, jump.line) != kPsOkay) break;
     }
     if (found == kUnknown) {
-      AddError(p, kPsLabelNotFound, jump.name);
+      AddError(p, kPsLabelNotFound, jump.name, jump.line);
     } else if (found <= 255) {
       rdWrite(p->sp.code, jump.pc, static_cast<uint8_t>(found));
     }

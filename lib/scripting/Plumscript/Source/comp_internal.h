@@ -148,6 +148,7 @@ struct psGoto {
   psIdent* ident;
   std::string_view name;  // as written; the text outlives the function's compilation
   uint32_t pc;            // of the operand byte
+  int32_t line;
 };
 
 struct psLabelDefinition {
@@ -257,6 +258,8 @@ bool lexAtLineStart(const psParser* p);
 void lexSkipLine(psParser* p);
 bool lexLineNumber(psParser* p, psID* id);
 void lexMarkLine(psParser* p);
+// A function's code ends where ':' did: the part of the line that became code gets its record now.
+void lexMarkOpenLine(psParser* p);
 void lexFinishLineData(psModule* module);
 // The record's text of the current line up to a position.
 std::string lexLineText(const psParser* p, const char* to);
@@ -311,7 +314,8 @@ psStatus MatchStatements(psParser* p, unsigned end_words);
 psStatus MatchProgram(psParser* p);
 psStatus MatchFinish(psParser* p);
 // Records an error and skips the rest of the line. 255: compile on.
-psStatus AddError(psParser* p, psStatus code, std::string_view label = {});
+psStatus AddError(psParser* p, psStatus code);
+psStatus AddError(psParser* p, psStatus code, std::string_view label, int32_t line);
 psStatus StoreCode(psParser* p);
 
 // --- Sources and libraries (comp_source.cpp) --------------------------------------------------

@@ -338,6 +338,13 @@ void lexMarkLine(psParser* p) {
   line.file = p->lex.file;
 }
 
+void lexMarkOpenLine(psParser* p) {
+  if (p->lex.line_pc_start >= pcNow(p)) return;
+  lexMarkLine(p);
+  p->lex.line_src_start = p->lex.pos;
+  p->lex.line_pc_start = pcNow(p);
+}
+
 // A line's code ends where the next line of the same function begins, whatever lies between in the
 // list: lines of anonymous functions, lines outside functions, or other functions when the next
 // lines were compiled live.

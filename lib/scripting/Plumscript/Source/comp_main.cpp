@@ -11,19 +11,18 @@
 
 // --- Errors -----------------------------------------------------------------------------------
 
-psStatus AddError(psParser* p, psStatus code, std::string_view label) {
+psStatus AddError(psParser* p, psStatus code, std::string_view label, int32_t line) {
   if (p->error_count >= kPsMaxCompileErrors) return code;
   psCompileError& error = p->errors.emplace_back();
   error.file = *p->lex.file;
   error.code = code;
-  error.line = p->lex.line_num;
+  error.line = line;
   p->error_count++;
   psStatus result = kPsOkay;
   switch (code) {
     case kPsLabelNotFound:
-      // Found at the end of a function: the line is no longer known, and there is none to skip.
+      // Found at the end of a function: there is no line to skip.
       error.label = label.substr(0, 15);
-      error.line = 0;
       return kPsOkay;
     case kPsUnexpectedEof:
       error.code = kPsBlockNotTerminated;
@@ -40,6 +39,8 @@ psStatus AddError(psParser* p, psStatus code, std::string_view label) {
   lexSkipLine(p);
   return result;
 }
+
+psStatus AddError(psParser* p, psStatus code) { return AddError(p, code, {}, p->lex.line_num); }
 
 namespace {
 
@@ -696,7 +697,11 @@ psStatus CompileFunction(psParser* p, psEndWord end_word, uint32_t default_type,
   psStatus err = MatchSubDeclarationLine1(p, default_type, anonymous);
   if (err == kPsOkay) err = required(MatchStatements(p, end_word));
   if (err == kPsOkay) err = EmitDefaultReturn(p, p->sp.sub->proto.back());
-  if (err == kPsOkay && !anonymous) err = lineEnd(p);
+  if (err == kPsOkay && !anonymous) {
+    err = lineEnd(p);
+    // The next function may follow on the same line.
+    lexMarkOpenLine(p);
+  }
   if (err != kPsOkay) return err;
   mpResolveGotos(p);
   return StoreCode(p);
@@ -758,6 +763,7 @@ void beginOldStyleModule(psParser* p) {
 }
 
 psStatus endOldStyleModule(psParser* p) {
+  lexMarkOpenLine(p);
   emit(p, kOpEnd);
   mpResolveGotos(p);
   const psStatus err = StoreCode(p);

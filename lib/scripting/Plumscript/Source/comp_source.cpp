@@ -9,6 +9,7 @@
 
 #include "comp_internal.h"
 #include "hooks.h"
+#include "run.h"
 
 namespace {
 
@@ -110,6 +111,7 @@ psStatus MatchLIBRARY(psParser* p) {
       result = err;
       continue;
     }
+    if (enciphered && p->module->process != nullptr) p->module->process->stop_on_error = true;
     err = compileLibrary(p, text, native);
     return err == kPsOkay ? required(lexEndOfStatement(p)) : err;
   }
@@ -170,6 +172,7 @@ void compileLive(psParser* p, const char* text, psFunction* function) {
     AddError(p, err);
     return;
   }
+  lexMarkOpenLine(p);
   emit(p, kOpEnd);
   mpResolveGotos(p);
   if (!p->errors.empty()) return;
@@ -204,4 +207,25 @@ psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction*
   }
   undoLive(module, function, undo);
   return errors;
+}
+
+psLiveMark LiveMark(const psModule* module, const psFunction* function) {
+  return {function->code.size(), function->labels.size(), module->lines.size()};
+}
+
+void LiveForget(psModule* module, psFunction* function, const psLiveMark& mark) {
+  psFreeDecoded(function);
+  function->code.resize(mark.code);
+  function->labels.resize(mark.labels);
+  function->label_positions.resize(mark.labels);
+  // Lines of anonymous functions stay, and so must the records between them.
+  for (size_t i = mark.lines; i < module->lines.size(); i++) {
+    psLineData& line = module->lines[i];
+    if (line.function != function) continue;
+    line.function = nullptr;
+    line.pc_last = -1;
+  }
+  while (module->lines.size() > mark.lines && module->lines.back().function == nullptr) {
+    module->lines.pop_back();
+  }
 }

@@ -142,7 +142,8 @@ bool scriptNextCompileError(psProc* p, std::string* text) {
 
 std::string scriptGetRuntimeErrorText(const psProc* p) {
   const char* text = psStatusText(p->last_status);
-  const psLineData* where = p->mod != nullptr && p->error_offset >= 0
+  // A function whose frame could not be pushed has no offset: then the record is its first.
+  const psLineData* where = p->mod != nullptr && p->error_function != nullptr
                                 ? DebugPCToLine(p->mod, p->error_offset, p->error_function)
                                 : nullptr;
   char line[256];
@@ -162,6 +163,7 @@ bool scriptRun(psProc* p, psIo* io, psDebugSession* session) {
   if (p->mod == nullptr || p->mod->main_function == nullptr) {
     p->last_status = kPsNoMain;
     p->error_offset = -1;
+    p->error_function = nullptr;
     return false;
   }
   return scriptRunFunction(p, io, session, p->mod->main_function, nullptr, 0, nullptr);

@@ -36,22 +36,25 @@ psStatus createObject(psProc* p, int n, psTypedValue* args, psTypedValue* result
 // The count of all arguments, the object and the names among them, is what a descriptor must
 // declare; scripts rely on functions of fewer parameters not being found.
 psStatus objFun(psProc* p, int n, psTypedValue* args, psTypedValue* result) {
-  if (n < 3) return kPsInvalidParameter;
+  if (n < 3) return kPsWrongParameterCount;
   if (!psIs(args[0], kPsObjectFlag) || !IsStringValue(&args[2])) return kPsInvalidParameter;
   const char* name = GetStringPtr(&args[2]).data();
   pscInstance* object = args[0].value.psc;
-  const pscMemberFunction found =
-      psIs(args[1], kPsInterfaceFlag) ? pscFindInterfaceFunction(args[1].value.iface, name, n)
-                                      : pscFindMemberFunction(object, name, n);
+  const psInterface* iface = psIs(args[1], kPsInterfaceFlag) ? args[1].value.iface : nullptr;
+  const pscMemberFunction found = iface != nullptr ? pscFindInterfaceFunction(iface, name, n)
+                                                   : pscFindMemberFunction(object, name, n);
   if (!found) return kPsMemberNotFound;
+  // Another class's function would take the object's data for its own.
+  const bool is_static = (found.function->meta & kPsStaticFunction) != 0;
+  if (iface != nullptr && !is_static && pscGetInterface(object, iface->name) != iface) {
+    return kPsInterfaceNotMember;
+  }
   psTypedValue passed[256];
   for (int i = 0; i < n; i++) {
     passed[i] = i + 3 < n ? args[i + 3] : psInvalidValue();
     if (i + 3 < n) args[i + 3].meta = 0;
   }
-  const bool is_static = (found.function->meta & kPsStaticFunction) != 0;
-  return pscCallFunction(p->domain, n, found.function, is_static ? nullptr : object, passed,
-                         result);
+  return pscCallFunction(p->domain, n, found.function, object, passed, result);
 }
 
 // --- Eval -------------------------------------------------------------------------------------
@@ -96,7 +99,7 @@ void reportEvalError(const psProc* p, psStatus status, int32_t first_line) {
 
 psStatus eval(psProc* p, int n, psTypedValue* args, psTypedValue* result) {
   if (n != 1) return kPsWrongParameterCount;
-  if (!IsStringValue(&args[0])) return noReading(args[0]);
+  if (!IsStringValue(&args[0])) return kPsTypeMismatch;
   if (p->eval_depth >= kPsMaxEvalDepth) return kPsStackOverflow;
   const std::string text(GetStringPtr(&args[0]));
   releaseAll(args, n);
@@ -138,7 +141,7 @@ psStatus compileFiles(psProc* child, const psTypedValue& files, psCompileErrors*
   const bool is_text = IsStringValue(&files);
   const psIfEnum* each =
       psIs(files, kPsObjectFlag) ? files.value.psc->psc_class->if_enum : nullptr;
-  if (!is_text && each == nullptr) return noReading(files);
+  if (!is_text && each == nullptr) return kPsTypeMismatch;
   psParser* parser = compNew(child->domain, child);
   psStatus status = kPsOkay;
   if (is_text) {

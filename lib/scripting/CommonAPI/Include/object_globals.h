@@ -1,0 +1,27 @@
+// The services that script objects reach.
+#pragma once
+
+#include <memory>
+#include <mutex>
+
+#include "lib/platform/poll_thread.h"
+#include "lib/platform/singleton.h"
+#include "lib/scripting/filename_mapper.h"
+
+// Created by whoever starts the process, before the first script, and destroyed after the last object
+// is gone. Members may be called from any thread.
+class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
+ public:
+  KelvoObjectGlobals() = default;
+
+  FilenameMapper& GetFilenameMapper() { return m_filename_mapper; }
+
+  // The process's poll thread. A program whose scripts may need none does not create it: the first
+  // object that asks starts it, with all signals blocked, and it ends with the globals.
+  PollThread& GetPollThread();
+
+ private:
+  FilenameMapper m_filename_mapper;
+  std::mutex m_mutex;
+  std::unique_ptr<PollThread> m_poll_thread;  // guarded by m_mutex; null: somebody else's, or none
+};

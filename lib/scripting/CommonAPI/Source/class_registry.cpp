@@ -1,0 +1,21 @@
+// The order fixes each class's index, which compiled scripts refer to: a class is only ever added at
+// the place that the catalogue of classes gives it.
+#include "lib/scripting/CommonAPI/Include/class_registry.h"
+
+#include "lib/scripting/CommonAPI/Include/stream_events.h"
+
+namespace {
+
+constexpr pscClass* kClasses[] = {
+    &StreamByteEventInstance::sm_class,
+    &StreamLineEventInstance::sm_class,
+    &StreamEndEventInstance::sm_class,
+    &StreamConnectResultEventInstance::sm_class,
+    &StreamByteArrayEventInstance::sm_class,
+};
+
+}  // namespace
+
+void KelvoRegisterClasses() {
+  for (pscClass* cl : kClasses) pscRegisterClass(cl);
+}

@@ -1,0 +1,1237 @@
+// What the compiler makes of every expression, statement and function header, and what it refuses.
+#include <functional>
+#include <random>
+
+#include "compiled.h"
+#include "run.h"
+
+namespace {
+
+using compiled::Compiler;
+using compiled::instructions;
+using compiled::lineMap;
+using compiled::numbered;
+using compiled::Program;
+using compiled::repeated;
+
+struct Row {
+  std::string text;
+  std::string expected;
+};
+void PrintTo(const Row& row, std::ostream* os) { *os << row.text.substr(0, 80); }
+
+// --- Expressions ------------------------------------------------------------------------------
+
+const std::string kNewArray =
+    "pushstring #\"koArray\"; pushint #10; pushbool true; call_createobject_exp num_args=3";
+std::string pushed(const std::string& element) {
+  return "; dup; dot push; num_fun_args 1; " + element + "; call [sp-1]; drop";
+}
+// "{}" stands for the instruction that makes an associative array.
+std::string withNewAA(std::string text) {
+  const std::string made =
+      "createobject_idx index=" + std::to_string(pscFindClassByName("koAssociativeArray")->index);
+  for (size_t at; (at = text.find("{}")) != std::string::npos;) text.replace(at, 2, made);
+  return text;
+}
+
+class CompiledExpression : public testing::TestWithParam<Row> {};
+
+TEST_P(CompiledExpression, Becomes) {
+  Compiler compiler;
+  EXPECT_EQ(compiler.compile("x = " + GetParam().text).code(),
+            withNewAA(GetParam().expected) + "; poplocal x; end");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Precedence, CompiledExpression,
+    testing::Values(
+        Row{"1 + 2 * 3", "pushint #1; pushint #2; pushint #3; mul; add"},
+        Row{"1 * 2 + 3", "pushint #1; pushint #2; mul; pushint #3; add"},
+        Row{"(1 + 2) * 3", "pushint #1; pushint #2; add; pushint #3; mul"},
+        Row{"1 - 2 - 3", "pushint #1; pushint #2; sub; pushint #3; sub"},
+        Row{"w - x + y - z", "pushlocal w; pushlocal x; sub; pushlocal y; add; pushlocal z; sub"},
+        Row{"a * b / c mod d", "pushlocal a; pushlocal b; mul; pushlocal c; div; pushlocal d; mod"},
+        Row{"2 ^ 3 ^ 2", "pushint #2; pushint #3; pushint #2; exp; exp"},
+        Row{"-2 ^ 2", "pushint #2; pushint #2; exp; neg"},
+        Row{"2 ^ -1", "pushint #2; pushint #1; neg; exp"},
+        Row{"a * -b", "pushlocal a; pushlocal b; neg; mul"},
+        Row{"a - - b", "pushlocal a; pushlocal b; neg; sub"}, Row{"- - a", "pushlocal a; neg; neg"},
+        Row{"+a + +b", "pushlocal a; pushlocal b; add"},
+        Row{"a < b = c", "pushlocal a; pushlocal b; lt; pushlocal c; eq"},
+        Row{"a + b <= c * d", "pushlocal a; pushlocal b; add; pushlocal c; pushlocal d; mul; le"},
+        Row{"a >= b", "pushlocal a; pushlocal b; ge"},
+        Row{"a <> b", "pushlocal a; pushlocal b; ne"}, Row{"a > b", "pushlocal a; pushlocal b; gt"},
+        Row{"a < b", "pushlocal a; pushlocal b; lt"}, Row{"a = b", "pushlocal a; pushlocal b; eq"},
+        Row{"not a = b", "pushlocal a; pushlocal b; eq; not"},
+        Row{"not not a", "pushlocal a; not; not"},
+        Row{"a + not b = c", "pushlocal a; pushlocal b; pushlocal c; eq; not; add"},
+        Row{"-not a", "pushlocal a; not; neg"}));
+
+// A pretest's distance leads to the end of its whole chain; the second number is the byte behind.
+INSTANTIATE_TEST_SUITE_P(
+    Chains, CompiledExpression,
+    testing::Values(
+        Row{"a and b", "pushlocal a; and_pretest +5 169; pushlocal b; and"},
+        Row{"a AND b and 1",
+            "pushlocal a; and_pretest +10 169; pushlocal b; and; and_pretest +4 134; pushint #1; "
+            "and"},
+        Row{"a or b or c",
+            "pushlocal a; or_pretest +11 169; pushlocal b; or; or_pretest +5 169; pushlocal c; or"},
+        Row{"a or b and c",
+            "pushlocal a; or_pretest +11 169; pushlocal b; and_pretest +5 169; pushlocal c; and; "
+            "or"},
+        Row{"a and b or c",
+            "pushlocal a; and_pretest +5 169; pushlocal b; and; or_pretest +5 169; pushlocal c; "
+            "or"},
+        Row{"not a and b", "pushlocal a; not; and_pretest +5 169; pushlocal b; and"},
+        Row{"a = b and c < d",
+            "pushlocal a; pushlocal b; eq; and_pretest +9 169; pushlocal c; pushlocal d; lt; and"},
+        Row{"a and not b or -c",
+            "pushlocal a; and_pretest +6 169; pushlocal b; not; and; or_pretest +6 169; pushlocal "
+            "c; neg; or"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Accessors, CompiledExpression,
+    testing::Values(Row{"a.b.If", "pushlocal a; dot b; dot if"},
+                    Row{"a[1, b][2]",
+                        "pushlocal a; pushint #1; pushlocal b; array [sp-2]; pushint #2; array "
+                        "[sp-1]"},
+                    Row{"a . b [ 1 ] . c ( 2 )",
+                        "pushlocal a; dot b; pushint #1; array [sp-1]; dot c; "
+                        "num_fun_args 1; pushint #2; call [sp-1]"},
+                    Row{"a@b", "pushlocal a; attr b"},
+                    Row{"a.c @ For", "pushlocal a; dot c; attr for"},
+                    Row{"a@b + c@d", "pushlocal a; attr b; pushlocal c; attr d; add"},
+                    Row{"f()", "pushlocal f; num_fun_args 0; call [sp-0]"},
+                    Row{"f(1, g(a))",
+                        "pushlocal f; num_fun_args 2; pushint #1; pushlocal g; num_fun_args 1; "
+                        "pushlocal a; call [sp-1]; call [sp-2]"},
+                    Row{"f(1)(2).m",
+                        "pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; num_fun_args 1; "
+                        "pushint #2; call [sp-1]; dot m"},
+                    Row{"(a)[0]", "pushlocal a; pushint #0; array [sp-1]"},
+                    Row{"\"t\".len()", "pushstring #\"t\"; dot len; num_fun_args 0; call [sp-0]"},
+                    Row{"-a.b", "pushlocal a; dot b; neg"},
+                    Row{"a.b ^ c[0]",
+                        "pushlocal a; dot b; pushlocal c; pushint #0; array [sp-1]; exp"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Literals, CompiledExpression,
+    testing::Values(Row{"true", "pushbool true"}, Row{"FALSE", "pushbool false"},
+                    Row{"Invalid", "pushinvalid"}, Row{"[]", kNewArray}, Row{"[\n\n]", kNewArray},
+                    Row{"[1, a]", kNewArray + pushed("pushint #1") + pushed("pushlocal a")},
+                    Row{"[1, 2\n3 : 4 ' five\nrem six\n]",
+                        kNewArray + pushed("pushint #1") + pushed("pushint #2") +
+                            pushed("pushint #3") + pushed("pushint #4")},
+                    Row{"[\n1,\n2,\n]", kNewArray + pushed("pushint #1") + pushed("pushint #2")},
+                    Row{"[[0]]", kNewArray + pushed(kNewArray + pushed("pushint #0"))},
+                    Row{"{ }", "{}"}, Row{"{\n' nothing\n}", "{}"},
+                    Row{"{ a: 1, B: b }",
+                        "{}; dup; pushint #1; swap; dotset a; dup; pushlocal b; swap; dotset "
+                        "b"},
+                    Row{"{\n  if: 1\n  Rem: 2\n x$: 3\n}",
+                        "{}; dup; pushint #1; swap; dotset if; dup; pushint "
+                        "#3; swap; dotset x$"},
+                    Row{"{ a: { b: [] }, }",
+                        "{}; dup; {}; dup; " + kNewArray + "; swap; dotset b; swap; dotset a"},
+                    Row{"{ a: 1 }.a", "{}; dup; pushint #1; swap; dotset a; dot a"},
+                    Row{"function() : end function", "pushfun #$anon"},
+                    Row{"[function(a)\nreturn a\nendfunction, 1]",
+                        kNewArray + pushed("pushfun #$anon") + pushed("pushint #1")}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, CompiledExpression,
+    testing::Values(
+        Row{"LEN(\"a\")", "pushstring #\"a\"; call_global len(num_args=1)"},
+        Row{"mid(a, 1) + mid(a, 1, 2)",
+            "pushlocal a; pushint #1; call_global mid(num_args=2); pushlocal a; pushint #1; "
+            "pushint #2; call_global mid(num_args=3); add"},
+        Row{"UpTime(0)", "pushint #0; call_global UpTime(num_args=1)"},
+        Row{"RunGarbageCollector().count",
+            "call_global RunGarbageCollector(num_args=0); dot count"},
+        // A count that no global function takes makes it a call of the script's own function.
+        Row{"len()", "pushlocal len; num_fun_args 0; call [sp-0]"},
+        Row{"len(a, f(b))",
+            "pushlocal len; num_fun_args 2; pushlocal a; pushlocal f; num_fun_args "
+            "1; pushlocal b; call [sp-1]; call [sp-2]"},
+        Row{"len", "pushlocal len"}, Row{"len[0]", "pushlocal len; pushint #0; array [sp-1]"},
+        Row{"a.len(b)", "pushlocal a; dot len; num_fun_args 1; pushlocal b; call [sp-1]"},
+        Row{"CreateObject(\"koAssociativeArray\")", "{}"},
+        Row{"createobject( \"KOASSOCIATIVEARRAY\" ).a", "{}; dot a"},
+        Row{"CreateObject(\"nope\")", "createobject_idx index=0"},
+        Row{"CreateObject(\"\")", "createobject_idx index=0"},
+        Row{"CreateObject(\"koArray\", 5, true)",
+            "pushstring #\"koArray\"; pushint #5; pushbool true; call_createobject_exp num_args=3"},
+        Row{"CreateObject(\"ko\" + a)",
+            "pushstring #\"ko\"; pushlocal a; add; call_createobject_exp num_args=1"},
+        Row{"CreateObject(a)", "pushlocal a; call_createobject_exp num_args=1"},
+        Row{"TYPE(a)", "pushlocal a; call_type num_args=1"},
+        Row{"type(a, 3)", "pushlocal a; pushint #3; call_type num_args=2"},
+        Row{"pos(0)", "pushint #0; call_pos num_args=1"},
+        Row{"GetGlobalAA().a", "call_get_global_AA num_args=0; dot a"},
+        Row{"eval(a)", "pushlocal a; call_eval num_args=1"},
+        Row{"Box(1)", "pushint #1; call_box num_args=1"},
+        Row{"ObjFun(a, b, c)", "pushlocal a; pushlocal b; pushlocal c; call_objfun num_args=3"},
+        Row{"run(a, 1)", "pushlocal a; pushint #1; call_run num_args=2"},
+        Row{"GetLastRunRuntimeError()", "call_run_rterr num_args=0"},
+        Row{"GetLastRunCompileError()", "call_run_clerr num_args=0"}));
+
+TEST(CompiledExpression, NamesOfFunctionsMeanTheFunctionWhereverItIsDefined) {
+  Compiler compiler;
+  const Program program = compiler.compile(
+      "sub main()\nf(g)\nf = 1\nf.x = f\nend sub\n"
+      "sub f(a)\nend sub\nfunction G()\nend function\n");
+  EXPECT_EQ(program.code(),
+            "pushfun #f; num_fun_args 1; pushfun #g; call [sp-1]; drop; "
+            // An assignment's target is always a variable.
+            "pushint #1; poplocal f; pushfun #f; pushlocal f; dotset x; pushinvalid; return");
+}
+
+// Variables that are assigned have their slots first; those that are only read follow when the text
+// has ended, in the order of reading.
+TEST(CompiledExpression, VariablesAreNumberedInOrder) {
+  Compiler compiler;
+  const Program program = compiler.compile(
+      "sub main(p)\nprint r1 + r2\na = r3\nb.c = r1\nfor i = 0 to r4\nnext\nend sub");
+  ASSERT_EQ(program.errors(), "");
+  std::string names;
+  for (const psVariable& variable : program.main()->variables) names += variable.name + ' ';
+  EXPECT_EQ(names, "p global m a b i r1 r2 r3 r4 ");
+}
+
+// --- Statements -------------------------------------------------------------------------------
+
+class CompiledStatement : public testing::TestWithParam<Row> {};
+
+TEST_P(CompiledStatement, Becomes) {
+  Compiler compiler;
+  const std::string& expected = GetParam().expected;
+  EXPECT_EQ(compiler.compile(GetParam().text).code(),
+            expected + (expected.empty() ? "end" : "; end"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Assignments, CompiledStatement,
+    testing::Values(
+        Row{"", ""}, Row{"x = y", "pushlocal y; poplocal x"},
+        Row{"x% = y", "pushlocal y; convert [sp], newtype=Integer; poplocal x%"},
+        Row{"x! = y", "pushlocal y; convert [sp], newtype=Float; poplocal x!"},
+        Row{"x# = y", "pushlocal y; convert [sp], newtype=koDouble; poplocal x#"},
+        Row{"x$ = y", "pushlocal y; convert [sp], newtype=koString; poplocal x$"},
+        Row{"m = y", "pushlocal y; convert [sp], newtype=Component; poplocal m"},
+        Row{"global = y", "pushlocal y; convert [sp], newtype=Interface; poplocal global"},
+        Row{"x = y = z", "pushlocal y; pushlocal z; eq; poplocal x"},
+        Row{"a.b = 1", "pushint #1; pushlocal a; dotset b"},
+        Row{"a.b.c = d.e", "pushlocal d; dot e; pushlocal a; dot b; dotset c"},
+        Row{"a[1, i] = 3", "pushint #3; pushlocal a; pushint #1; pushlocal i; array_set [sp-2]"},
+        Row{"a[b[0]].c[d] = f(e)",
+            "pushlocal f; num_fun_args 1; pushlocal e; call [sp-1]; pushlocal a; pushlocal b; "
+            "pushint #0; array [sp-1]; array [sp-1]; dot c; pushlocal d; array_set [sp-1]"},
+        Row{"f(1)[2] = 3",
+            "pushint #3; pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; pushint #2; "
+            "array_set [sp-1]"},
+        Row{"f(1).x = 3",
+            "pushint #3; pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; "
+            "dotset x"},
+        Row{"a.f(1).x = 3",
+            "pushint #3; pushlocal a; dot f; num_fun_args 1; pushint #1; call "
+            "[sp-1]; dotset x"},
+        Row{"GetGlobalAA().x = 1", "pushint #1; call_get_global_AA num_args=0; dotset x"},
+        Row{"CreateObject(a).x = 1",
+            "pushint #1; pushlocal a; call_createobject_exp num_args=1; dotset x"},
+        Row{"len(a, 1).x = 1",
+            "pushint #1; pushlocal len; num_fun_args 2; pushlocal a; pushint "
+            "#1; call [sp-2]; dotset x"},
+        // The built-in functions' names that are not reserved can be assigned.
+        Row{"run = 1", "pushint #1; poplocal run"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, CompiledStatement,
+    testing::Values(
+        Row{"f()", "pushlocal f; num_fun_args 0; call [sp-0]; drop"},
+        Row{"f(1)(2)",
+            "pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; num_fun_args 1; "
+            "pushint #2; call [sp-1]; drop"},
+        Row{"f().g()",
+            "pushlocal f; num_fun_args 0; call [sp-0]; dot g; num_fun_args 0; call "
+            "[sp-0]; drop"},
+        Row{"a.b.c(1)", "pushlocal a; dot b; dot c; num_fun_args 1; pushint #1; call [sp-1]; drop"},
+        Row{"a[1]()", "pushlocal a; pushint #1; array [sp-1]; num_fun_args 0; call [sp-0]; drop"},
+        Row{"sleep(1)", "pushint #1; call_global sleep(num_args=1); drop"},
+        Row{"sleep()", "pushlocal sleep; num_fun_args 0; call [sp-0]; drop"},
+        Row{"eval(a) : run(a)",
+            "pushlocal a; call_eval num_args=1; drop; pushlocal a; call_run "
+            "num_args=1; drop"},
+        Row{"CreateObject(a).b()",
+            "pushlocal a; call_createobject_exp num_args=1; dot b; "
+            "num_fun_args 0; call [sp-0]; drop"},
+        Row{"objfun(a, b, c)",
+            "pushlocal a; pushlocal b; pushlocal c; call_objfun num_args=3; "
+            "drop"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Print, CompiledStatement,
+    testing::Values(Row{"print", "print num_args=0, pattern=NE"},
+                    Row{"?", "print num_args=0, pattern=NE"},
+                    Row{"? 1", "pushint #1; print num_args=1, pattern=PNE"},
+                    Row{"print a; b;", "pushlocal a; pushlocal b; print num_args=2, pattern=PPE"},
+                    Row{"print a b", "pushlocal a; pushlocal b; print num_args=2, pattern=PPNE"},
+                    Row{"print a, b,", "pushlocal a; pushlocal b; print num_args=2, pattern=P,P,E"},
+                    Row{"print ;", "print num_args=0, pattern=E"},
+                    Row{"print ,", "print num_args=0, pattern=,E"},
+                    Row{"print a;,b", "pushlocal a; pushlocal b; print num_args=2, pattern=P,PNE"},
+                    Row{"print tab(5); a tab(i)",
+                        "pushint #5; pushlocal a; pushlocal i; print num_args=3, "
+                        "pattern=TPTNE"},
+                    Row{"print a; tab(5);",
+                        "pushlocal a; pushint #5; print num_args=2, pattern=PTE"},
+                    Row{"print #1", "pushint #1; print num_args=1, pattern=#NE"},
+                    Row{"print #a, b;", "pushlocal a; pushlocal b; print num_args=2, pattern=#PE"},
+                    Row{"print @5, a", "pushint #5; pushlocal a; print num_args=2, pattern=@PNE"},
+                    Row{"print #1, @2, 3",
+                        "pushint #1; pushint #2; pushint #3; print num_args=3, "
+                        "pattern=#@PNE"},
+                    Row{"print #1, @2", "pushint #1; pushint #2; print num_args=2, pattern=#@NE"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Jumps, CompiledStatement,
+    testing::Values(Row{"10 goto 10", "jump J000 'addr=0"},
+                    Row{"goto done\nx = 1\nDONE:", "jump J000 'addr=7; pushint #1; poplocal x"},
+                    Row{"20 x = 1\n30 y = 1\ngoto 30",
+                        "pushint #1; poplocal x; pushint #1; poplocal y; jump "
+                        "J000 'addr=5"},
+                    Row{"a:\nb:\ngoto b\ngoto a\ngoto b",
+                        "jump J001 'addr=0; jump J000 'addr=0; jump J001 "
+                        "'addr=0"},
+                    Row{"stop : end", "stop; end"}, Row{"return", "pushinvalid; return"},
+                    Row{"dim a[5], b[2, i]",
+                        "pushint #5; dim a, numdims=1; pushint #2; pushlocal i; dim b, "
+                        "numdims=2"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Ifs, CompiledStatement,
+    testing::Values(
+        Row{"if a then x = 1", "pushlocal a; iffalse +6; pushint #1; poplocal x"},
+        Row{"if a x = 1", "pushlocal a; iffalse +6; pushint #1; poplocal x"},
+        Row{"if a then x = 1 else y = 2",
+            "pushlocal a; iffalse +8; pushint #1; poplocal x; jmpfwd "
+            "+6; pushint #2; poplocal y"},
+        Row{"if a then x = 1 : y = 2 : else stop : end",
+            "pushlocal a; iffalse +13; pushint #1; "
+            "poplocal x; pushint #2; poplocal y; jmpfwd "
+            "+3; stop; end"},
+        Row{"if a then there\nthere:", "pushlocal a; iffalse +3; jump J000 'addr=7"},
+        Row{"if a 10 else 20\n10 stop\n20 stop",
+            "pushlocal a; iffalse +5; jump J000 'addr=11; "
+            "jmpfwd +3; jump J001 'addr=12; stop; stop"},
+        Row{"if a then 10 : stop\n10", "pushlocal a; iffalse +3; jump J000 'addr=8; stop"},
+        Row{"if a then if b then stop else end",
+            "pushlocal a; iffalse +10; pushlocal b; iffalse "
+            "+4; stop; jmpfwd +2; end"},
+        Row{"if a then stop else if b then end else stop",
+            "pushlocal a; iffalse +4; stop; jmpfwd +10; pushlocal b; iffalse +4; end; jmpfwd +2; "
+            "stop"},
+        Row{"if a then\nend if", "pushlocal a; iffalse +1"},
+        Row{"if a ' note\nstop\nendif", "pushlocal a; iffalse +2; stop"},
+        Row{"if a then : stop : end if", "pushlocal a; iffalse +2; stop"},
+        Row{"if a then\nstop\nelse end : end if", "pushlocal a; iffalse +4; stop; jmpfwd +2; end"},
+        Row{"if a then\nstop\nelse if b\nend\nelseif c then\nelse\nreturn\nend if",
+            "pushlocal a; iffalse +4; stop; jmpfwd +18; pushlocal b; iffalse +4; end; jmpfwd +10; pushlocal c; iffalse +3; jmpfwd +3; pushinvalid; return"}));
+
+// The limit is 255; the labels of a loop are its exit and its body, or its top and its exit.
+INSTANTIATE_TEST_SUITE_P(
+    Loops, CompiledStatement,
+    testing::Values(
+        Row{"for i = 1 to n\nprint i\nnext",
+            "pushint #1; poplocal i; pushlocal n; pushint #1; for i, J000 ' jump to addr=24; "
+            "pushlocal i; print num_args=1, pattern=PNE; next i, J001 ' jump to addr=13; drop; "
+            "drop"},
+        Row{"for i% = 1 to 2 step -1 : end for",
+            "pushint #1; convert [sp], newtype=Integer; poplocal i%; pushint #2; pushint #1; neg; "
+            "for i%, J000 ' jump to addr=18; next i%, J001 ' jump to addr=15; drop; drop"},
+        Row{"for i = 0 to 1\nfor j = 0 to 1\nexit for\nnext j\nnext I",
+            "pushint #0; poplocal i; pushint #1; pushint #1; for i, J000 ' jump to addr=34; "
+            "pushint #0; poplocal j; pushint #1; pushint #1; for j, J002 ' jump to addr=29; jump "
+            "J002 'addr=29; next j, J003 ' jump to addr=24; drop; drop; next i, J001 ' jump to "
+            "addr=12; drop; drop"},
+        Row{"for each e in c\nexit for\nnext e",
+            "pushlocal c; foreach e, J000 ' jump to addr=11; jump J000 'addr=11; nexteach e, J001 "
+            "' jump to addr=6; drop; drop"},
+        Row{"for each e in [] : endfor e",
+            kNewArray + "; foreach e, J000 ' jump to addr=13; nexteach e, J001 ' jump to addr=10; "
+                        "drop; drop"},
+        Row{"while a\nend while", "pushlocal a; iffalse J001 'addr=7; jump J000 'addr=0"},
+        Row{"while a : exit while : exitwhile : endwhile",
+            "pushlocal a; iffalse J001 'addr=11; jump J001 'addr=11; jump J001 'addr=11; jump J000 "
+            "'addr=0"},
+        // Leaving the outer WHILE leaves what the FOR keeps on the stack.
+        Row{"while a\nfor i = 0 to 1\nexit while\nnext\nend while",
+            "pushlocal a; iffalse J001 'addr=26; pushint #0; poplocal i; pushint #1; pushint #1; "
+            "for i, J002 ' jump to addr=22; jump J001 'addr=26; next i, J003 ' jump to addr=17; "
+            "drop; drop; jump J000 'addr=0"},
+        Row{"for i = 0 to 1\nwhile a\nexit for\nend while\nnext",
+            "pushint #0; poplocal i; pushint #1; pushint #1; for i, J000 ' jump to addr=24; "
+            "pushlocal a; iffalse J003 'addr=21; jump J000 'addr=24; jump J002 'addr=12; next i, "
+            "J001 ' jump to addr=12; drop; drop"}));
+
+// --- Functions --------------------------------------------------------------------------------
+
+std::string header(const psFunction* function) {
+  std::string text;
+  for (const uint32_t type : function->proto) text += std::to_string(type) + ' ';
+  text += '|';
+  for (const uint16_t entry : function->callvarinits) text += ' ' + std::to_string(entry);
+  text += " | ";
+  for (const psVariable& variable : function->variables) {
+    text += variable.name + '=' + std::to_string(variable.type) + ' ';
+  }
+  return text;
+}
+
+struct FunctionRow {
+  std::string text;
+  std::string header;
+  std::string code;
+};
+void PrintTo(const FunctionRow& row, std::ostream* os) { *os << row.text; }
+
+class CompiledFunction : public testing::TestWithParam<FunctionRow> {};
+
+TEST_P(CompiledFunction, Becomes) {
+  Compiler compiler;
+  const Program program = compiler.compile(GetParam().text);
+  ASSERT_EQ(program.errors(), "");
+  EXPECT_EQ(header(program.function("f")), GetParam().header);
+  EXPECT_EQ(program.code("f"), GetParam().code);
+  EXPECT_EQ(program.main(), nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Headers, CompiledFunction,
+    testing::Values(
+        FunctionRow{"sub f()\nend sub", "12 | 0 | global=5 m=4 ", "pushinvalid; return"},
+        FunctionRow{"FUNCTION F ( ) : ENDFUNCTION", "13 | 0 | global=5 m=4 ",
+                    "pushinvalid; return"},
+        FunctionRow{"sub f() as integer\nreturn 1\nend sub", "1 | 0 | global=5 m=4 ",
+                    "pushint #1; convert [sp], newtype=Integer; return; pushint #0; convert [sp], "
+                    "newtype=Integer; return"},
+        FunctionRow{"function f() as void\nreturn\nend function", "12 | 0 | global=5 m=4 ",
+                    "pushinvalid; return; pushinvalid; return"},
+        FunctionRow{"function f()\nreturn a\nend function", "13 | 0 | global=5 m=4 a=13 ",
+                    "pushlocal a; return; pushinvalid; return"},
+        FunctionRow{"function f(a, b$, c as Object) as Double\nend function",
+                    "13 14 4 15 | 65535 65535 65535 0 | a=13 b$=14 c=4 global=5 m=4 ",
+                    "convert b$, newtype=koString; convert c, newtype=Component; pushint #0; "
+                    "convert [sp], newtype=koDouble; return"},
+        FunctionRow{
+            "function f(a as float, b = 2, c% = b as integer)\nend function",
+            "2 13 1 13 | 65535 0 5 13 | a=2 b=13 c%=1 global=5 m=4 ",
+            "pushint #2; poplocal b; pushlocal b; convert [sp], newtype=Integer; poplocal c%; "
+            "convert a, newtype=Float; convert c%, newtype=Integer; pushinvalid; return"},
+        // A default may read anything; what it registers is registered again behind the rest.
+        FunctionRow{"sub f(a = b + g())\nb = 1\nend sub\nsub g()\nend sub",
+                    "13 12 | 0 14 | a=13 global=5 m=4 b=13 ",
+                    "pushlocal b; pushfun #g; num_fun_args 0; call [sp-0]; add; poplocal a; "
+                    "pushint #1; poplocal b; pushinvalid; return"},
+        FunctionRow{"sub f(a as integer, b as single, c as double, d as boolean, e as string, f as "
+                    "object, g as function, h as dynamic)\nend sub",
+                    "1 2 15 3 14 4 6 13 12 | 65535 65535 65535 65535 65535 65535 65535 65535 0 | "
+                    "a=1 b=2 c=15 d=3 e=14 f=4 g=6 h=13 global=5 m=4 ",
+                    "convert a, newtype=Integer; convert b, newtype=Float; convert c, "
+                    "newtype=koDouble; convert d, newtype=Boolean; convert e, newtype=koString; "
+                    "convert f, newtype=Component; convert g, newtype=Function; pushinvalid; "
+                    "return"},
+        // A parameter keeps its declared type when it is assigned.
+        FunctionRow{"sub f(a as string)\na = 1\nend sub", "14 12 | 65535 0 | a=14 global=5 m=4 ",
+                    "convert a, newtype=koString; pushint #1; convert [sp], newtype=koString; "
+                    "poplocal a; pushinvalid; return"},
+        FunctionRow{"sub f(m)\nm = 1\nend sub", "13 12 | 65535 0 | m=13 global=5 m=4 ",
+                    "pushint #1; poplocal m; pushinvalid; return"}));
+
+TEST(CompiledFunction, AnonymousOnesBelongToTheFunctionAround) {
+  Compiler compiler;
+  const Program program = compiler.compile(
+      "function outer(a)\n"
+      "  while a\n"
+      "    f = function(b% = 1) as integer\n"
+      "      for i = 0 to b%\n"
+      "        g = function() : return a : end function\n"
+      "      end for\n"
+      "    end function : exit while\n"
+      "  end while\n"
+      "end function\n");
+  ASSERT_EQ(program.errors(), "");
+  ASSERT_EQ(program.module()->functions.size(), 3u);
+  const psFunction* outer = program.module()->functions[0];
+  const psFunction* middle = program.module()->functions[1];
+  const psFunction* inner = program.module()->functions[2];
+  EXPECT_EQ(middle->parent, outer);
+  EXPECT_EQ(inner->parent, middle);
+  EXPECT_EQ(outer->parent, nullptr);
+  // Numbered in the order of their words, so the inner one is one more.
+  ASSERT_EQ(middle->name.substr(0, 6), "$anon_");
+  EXPECT_LT(std::stoul(middle->name.substr(6), nullptr, 16),
+            std::stoul(inner->name.substr(6), nullptr, 16));
+  EXPECT_EQ(instructions(outer),
+            "pushlocal a; iffalse J001 'addr=15; pushfun #$anon; poplocal f; "
+            "jump J001 'addr=15; jump J000 'addr=0; pushinvalid; return");
+  EXPECT_EQ(header(inner), "13 | 0 | global=5 m=4 a=13 ");
+  EXPECT_EQ(instructions(inner), "pushlocal a; return; pushinvalid; return");
+}
+
+TEST(CompiledFunction, MainIsFoundInAnyCase) {
+  Compiler compiler;
+  const Program program = compiler.compile("sub a()\nend sub\nSUB MAIN()\nEND SUB");
+  EXPECT_EQ(program.module()->main_function, program.module()->functions[1]);
+  EXPECT_EQ(compiler.compile("sub a()\nend sub").module()->main_function, nullptr);
+  const Program statements = compiler.compile("' nothing\n\n");
+  EXPECT_EQ(statements.module()->main_function, statements.main());
+  EXPECT_EQ(header(statements.main()), "12 | 0 | global=5 m=4 ");
+}
+
+// --- Errors -----------------------------------------------------------------------------------
+
+class CompileErrors : public testing::TestWithParam<Row> {};
+
+TEST_P(CompileErrors, HaveTheirCodesAndLines) {
+  Compiler compiler;
+  EXPECT_EQ(compiler.compile(GetParam().text).errors(), GetParam().expected);
+}
+
+// Each of these is a syntax error of its one line.
+constexpr const char* kSyntaxErrors[] = {
+    // Statements that are none.
+    "x",
+    "x.y",
+    "x[1]",
+    "1 = 2",
+    "let x = 5",
+    "print = 1",
+    "x.y(1) = 2",
+    "pos",
+    "pos.x = 1",
+    "else",
+    "end if",
+    "endif",
+    "next",
+    "end while",
+    "endfor",
+    "end function",
+    "end sub",
+    "elseif x",
+    "to",
+    "each",
+    "exit",
+    "exit if",
+    "exit sub",
+    "sub",
+    "= 1",
+    ")",
+    "x y",
+    "x() y",
+    "x()()y",
+    "print print",
+    "dim",
+    "dim x",
+    "dim x[]",
+    "dim x[1],",
+    "dim x[1",
+    "goto",
+    "goto if",
+    "goto x y", 
+    "x = 1 y = 2",
+    "end x",
+    "stop x",
+    "library",
+    "library x",
+    "library = 1",
+    "' \nx",
+    // Expressions that stop short.
+    "x =",
+    "x = 1 +",
+    "x = 1 *",
+    "x = 2 ^",
+    "x = -",
+    "x = not",
+    "x = a and",
+    "x = a or",
+    "x = a <",
+    "x = a < > b",
+    "x = a = ",
+    "x = (",
+    "x = (1",
+    "x = ()",
+    "x = f(",
+    "x = f(1",
+    "x = f(1,",
+    "x = f(1,)",
+    "x = f(,1)",
+    "x = f(1 2)",
+    "x = a[",
+    "x = a[1",
+    "x = a[1,]",
+    "x = a[]",
+    "x = a.",
+    "x = a@",
+    "x = a@b.c",
+    "x = a@b@",
+    "x = [",
+    "x = [1",
+    "x = [,]",
+    "x = [1 2]",
+    "x = {",
+    "x = {a",
+    "x = {a 1}",
+    "x = {a:}",
+    "x = {a: 1",
+    "x = {a: 1 b: 2}",
+    "x = {\"a\": 1}",
+    "x = {,}",
+    "x = {1: 2}",
+    "x = sub() : end sub",
+    "x = function",
+    "x = function(",
+    "x = function() x",
+    // Built-in functions are no values.
+    "x = type",
+    "x = pos",
+    "x = run + 1",
+    "x = createobject",
+    "type = 1",
+    "x = objfun",
+    "box",
+    "x = createobject(\"a\"",
+    "x = createobject(\"a\",)",
+    "x = type(1,)",
+    // Blocks' heads.
+    "if",
+    "if then",
+    "if x else y = 1",
+    "if x then y = 1 z",
+    "if x then else y = 1",
+    "if x then y = 1 else",
+    "if x then for i = 1 to 2",
+    "if x then rem",
+    "if x then stop : x",
+    "if x then stop : rem",
+    "if x then stop else stop else stop",
+    "while",
+    "while then",
+    "for",
+    "for i",
+    "for i 1 to 2",
+    "for i = 1",
+    "for i = to 2",
+    "for i = 1 to",
+    "for i.x = 1 to 2",
+    "for i = 1 to 2 step",
+    "for i = 1 to 2 x",
+    "for 1 = 1 to 2",
+    "for each",
+    "for each e",
+    "for each e c",
+    "for each e in",
+    "for each e in c d",
+    "for each e.x in c",
+    "while x y",
+    "print tab",
+    "print tab 5",
+    "print tab(5",
+    "print tab()",
+    "print #",
+    "print @",
+    "print #1; 2",
+    "print 1 : 2",
+    "print x = ",
+    "return )",
+    // A named label stands alone, and at the start of its line.
+    "a: b = 1",
+    "x = 1 : a:",
+    "a b:",
+};
+
+class CompileSyntaxErrors : public testing::TestWithParam<const char*> {};
+
+TEST_P(CompileSyntaxErrors, AreOnesOfTheirLine) {
+  Compiler compiler;
+  const std::string text = GetParam();
+  const int line = text[0] == '\'' ? 2 : 1;
+  EXPECT_EQ(compiler.compile(text).errors(), "2(" + std::to_string(line) + ")");
+  // In a function, whose end is found all the same.
+  if (text.starts_with("library") || text.starts_with("end sub")) return;
+  EXPECT_EQ(compiler.compile("sub main()\n" + text + "\nend sub\nsub b()\nend sub").errors(),
+            "2(" + std::to_string(line + 1) + ")");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, CompileSyntaxErrors, testing::ValuesIn(kSyntaxErrors));
+
+INSTANTIATE_TEST_SUITE_P(
+    Headers, CompileErrors,
+    testing::Values(
+        Row{"sub f\nend sub", "2(1)"}, Row{"sub f(\nend sub", "2(1)"}, Row{"sub (x)", "2(1)"},
+        Row{"sub f(a b)", "2(1)"}, Row{"sub f(a,)", "2(1)"}, Row{"sub f(1)", "2(1)"},
+        Row{"sub f(a =)", "2(1)"}, Row{"sub f() x", "2(1)"}, Row{"sub f(a, A)", "2(1)"},
+        Row{"\nfunction f(x, y = 2, z)\nend function", "164(2)"},
+        Row{"sub f(a as thing)\nend sub", "167(1)"}, Row{"sub f(a as void)\nend sub", "167(1)"},
+        Row{"sub f(a as)\nend sub", "167(1)"}, Row{"sub f() as thing\nend sub", "167(1)"},
+        Row{"sub f() as\nend sub", "167(1)"}, Row{"sub f() as interface\nend sub", "167(1)"},
+        Row{"sub f(a as integers)", "167(1)"}, Row{"sub s(x% as string)\nend sub", "24(1)"},
+        Row{"sub s(x$ as dynamic)\nend sub", "24(1)"}, Row{"sub s(x% as integer)\nend sub", ""},
+        Row{"sub a()\nend sub\n\nfunction A()\nend function", "173(4)"},
+        Row{"sub a()\nend sub\nx = 1\nsub b()\nend sub", "2(3)"},
+        Row{"sub a()\nend sub x\nsub b()\nend sub", "2(2)"},
+        Row{"x = 1\nsub b()\nend sub", "2(2) 2(3)"}, Row{"sub a()\nend sub\nlibrary \"x\"", "2(3)"},
+        // The first error of a header ends the compilation; those before it stay.
+        Row{"sub a()\nx\nend sub\nsub b(\nx\nend sub", "2(2) 2(4)"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Statements, CompileErrors,
+    testing::Values(
+        Row{"goto nowhere", "14(nowhere)"}, Row{"goto x, y", "2(1) 14(x)"},
+        Row{"if x then a_very_long_label", "14(a_very_long_lab)"},
+        Row{"sub a()\nb:\nend sub\nsub c()\ngoto b\nx\nend sub", "2(6) 14(b)"},
+        Row{"f = function()\ngoto out\nend function\nout:", "14(out)"}, Row{"exit for", "165(1)"},
+        Row{"while x\nexit for\nend while", "165(2)"},
+        Row{"for i = 0 to 1\nf = function()\nexit for\nend function\nnext", "165(3)"},
+        Row{"exit while", "175(1)"}, Row{"for i = 0 to 1\nexitwhile\nnext", "175(2)"},
+        Row{"for i = 0 to 1\nnext\nexit for", "165(3)"}, Row{"return 1", "170(1)"},
+        Row{"sub a()\nreturn 1\nend sub", "170(2)"},
+        Row{"function a() as void\nreturn 1\nend function", "170(2)"},
+        Row{"function a()\nreturn\nend function", "169(2)"},
+        Row{"function a() as object\nif x then return else stop\nend function", "169(2)"},
+        Row{"for each e% in c\nnext", "171(1) 2(2)"},
+        Row{"sub a(e as object)\nfor each e in c\nnext\nend sub", "171(2) 2(3)"},
+        Row{"sub a(e as dynamic)\nfor each e in c\nnext\nend sub", ""},
+        Row{"a:\nx = 1\nA:", "180(3)"}, Row{"10 x = 1\n20 x = 2\n10 x =", "180(3)"},
+        Row{"for i = 0 to 1\nnext j", "182(2)"}, Row{"for each i in x\nnext j", "182(2)"},
+        Row{"for each i in x\nend for j", "182(2)"}, Row{"for i = 0 to 1\nend for i", "2(2)"},
+        Row{"for i = 0 to 1\nfor j = 0 to 1\nnext i\nnext j", "182(3) 182(4)"}));
+
+// The line is the first one of the body of the innermost block that the text ends in.
+INSTANTIATE_TEST_SUITE_P(
+    OpenBlocks, CompileErrors,
+    testing::Values(Row{"x = 1\nfor i = 0 to 1\nx = 1\n\n", "181(3)"}, Row{"while x", "181(2)"},
+                    Row{"for each i in x : y = 1", "181(1)"}, Row{"if x then\ny = 1\n", "181(2)"},
+                    Row{"if x then\ny = 1\nelse\ny = 2", "181(3)"},
+                    Row{"if x then\nelse if x\ny = 2", "181(3)"},
+                    Row{"for i = 0 to 1\nwhile x\nnext", "2(3) 181(3)"},
+                    Row{"sub main()\nx = 1\n", "181(2)"},
+                    Row{"sub main()\nfor i = 0 to 1\nend sub\nsub b()\nend sub",
+                        "2(3) 2(4) 2(5) 181(3)"},
+                    Row{"x = function()\ny = 1", "181(2)"},
+                    Row{"x = function(a)\nend sub\nfunction b()\nend function", "2(2) 2(3)"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Recovery, CompileErrors,
+    testing::Values(
+        // Five are recorded and the sixth never; an open block needs a place among the five.
+        Row{"x\nx\nx\nx\nx\nx\nx", "2(1) 2(2) 2(3) 2(4) 2(5)"},
+        Row{"while x\nx\nx\nx\nx", "2(2) 2(3) 2(4) 2(5) 181(2)"},
+        Row{"while x\nx\nx\nx\nx\nx", "2(2) 2(3) 2(4) 2(5) 2(6)"},
+        // The rest of a line with an error is skipped.
+        Row{"x : y : z\nx = \"a : b\nif x then y z : z", "2(1) 179(2) 2(3)"},
+        // A failed assignment is one of the line where it began, whatever lines it had reached;
+        // what follows there is compiled anew.
+        Row{"x = [\n1\n2 3\n]\ny = 1", "2(1) 2(3) 2(4)"},
+        Row{"x.y = {\na: 1\n?\n}", "2(1) 2(2) 2(4)"}, Row{"print [\n1 2", "2(2)"},
+        // In an anonymous function compilation goes on inside.
+        Row{"x = function()\ny\nz = 1 +\nend function\nw", "2(2) 2(3) 2(5)"},
+        Row{"x = [function()\ny\nend function, 1\nfoo 5]", "2(2) 2(1) 2(2) 2(3) 2(4)"},
+        // A missing label is found at the function's end; nothing of the next one is skipped.
+        Row{"sub a()\ngoto x : end sub\nsub b()\nx = \nend sub", "14(x) 2(4)"},
+        Row{"sub a()\ngoto x\nend sub : sub b()\ny = \nend sub", "14(x) 2(4)"},
+        Row{"goto a\ngoto b\ngoto c\ngoto d\ngoto e\ngoto f", "14(a) 14(b) 14(c) 14(d) 14(e)"}));
+
+TEST(CompileErrors, MissingLabelsKnowTheirLines) {
+  Compiler compiler;
+  const Program program = compiler.compile("x = 1\ngoto a\nif x then b else goto a");
+  ASSERT_EQ(program.errors(), "14(a) 14(b) 14(a)");
+  EXPECT_EQ(program.errorList()[0].line, 2);
+  EXPECT_EQ(program.errorList()[2].line, 3);
+  EXPECT_EQ(program.errorList()[2].file, "test.plm");
+}
+
+// --- Limits -----------------------------------------------------------------------------------
+
+// What compiles, and with one more does not.
+struct Limit {
+  const char* name;
+  int most;
+  std::function<std::string(int)> text;
+  std::string errors;  // of one more
+};
+void PrintTo(const Limit& limit, std::ostream* os) { *os << limit.name; }
+
+class CompilerLimits : public testing::TestWithParam<Limit> {};
+
+TEST_P(CompilerLimits, HoldExactly) {
+  Compiler compiler;
+  const Limit& limit = GetParam();
+  EXPECT_EQ(compiler.compile(limit.text(limit.most)).errors(), "");
+  EXPECT_EQ(compiler.compile(limit.text(limit.most + 1)).errors(), limit.errors);
+}
+
+// An operand of so many bytes that the chain around it has the distance asked for.
+std::string chainOfDistance(int n, const char* op) {
+  const int body = n - 4;  // the placeholder, a pushint and the operator
+  return std::string("x = a ") + op + ' ' + repeated(body % 3, "-") + '1' +
+         repeated(body / 3, " + 1");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Chains, CompilerLimits,
+    testing::Values(
+        Limit{"and operators", 32, [](int n) { return "x = a" + repeated(n, " and a"); }, "174(1)"},
+        Limit{"or operators", 32, [](int n) { return "x = a" + repeated(n, " or a"); }, "174(1)"},
+        Limit{"and distance", 255, [](int n) { return chainOfDistance(n, "and"); }, "174(1)"},
+        Limit{"or distance", 255, [](int n) { return chainOfDistance(n, "or"); }, "174(1)"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Tables, CompilerLimits,
+    testing::Values(
+        Limit{"assigned variables", 253, [](int n) { return numbered(n, "v~ = 0\n"); }, "176(254)"},
+        Limit{"variables read", 253, [](int n) { return "print " + numbered(n, "v~\nprint "); },
+              "176(256)"},
+        Limit{"members' variables", 253, [](int n) { return numbered(n, "v~.x = 0\n"); },
+              "176(254)"},
+        Limit{"called variables", 253, [](int n) { return numbered(n, "v~.x()\n"); }, "176(254)"},
+        Limit{"dimmed variables", 253, [](int n) { return numbered(n, "dim v~[1]\n"); },
+              "176(254)"},
+        Limit{"loop variables", 253,
+              [](int n) { return numbered(n - 1, "v~ = 0\n") + "for i = 0 to 1\nnext"; },
+              "176(254)"},
+        Limit{"enumeration variables", 253,
+              [](int n) { return numbered(n - 1, "v~ = 0\n") + "for each i in []\nnext"; },
+              "176(254)"},
+        Limit{"parameters", 253,
+              [](int n) { return "sub a(" + numbered(n - 1, "p~,") + "q)\nend sub"; }, "176(1)"},
+        Limit{"float constants", 255, [](int n) { return numbered(n, "x = ~.5\n"); }, "177(256)"},
+        Limit{"double constants", 255, [](int n) { return numbered(n, "x = ~.5#\n"); }, "177(256)"},
+        Limit{"integer constants", 65535, [](int n) { return numbered(n, "x = ~\n"); },
+              "177(65536)"},
+        Limit{"text constants", 65535, [](int n) { return numbered(n, "x = \"~\"\n"); },
+              "177(65536)"},
+        Limit{"names", 65535, [](int n) { return numbered(n, "x = y.n~\n"); }, "177(65536)"},
+        Limit{"names set", 65535, [](int n) { return numbered(n, "y.n~ = 0\n"); }, "177(65536)"},
+        Limit{"names of keys", 65535, [](int n) { return "x = {" + numbered(n, "n~:0:") + '}'; },
+              "177(1)"},
+        Limit{"attributes", 65535,
+              [](int n) { return numbered(n, "x = y@n~\n"); }, "177(65536)"},
+        Limit{"arguments", 255, [](int n) { return "f(" + repeated(n - 1, "0,") + "0)"; },
+              "174(1)"},
+        Limit{"indexes", 255, [](int n) { return "x = a[" + repeated(n - 1, "0,") + "0]"; },
+              "174(1)"},
+        Limit{"dimensions", 255, [](int n) { return "dim a[" + repeated(n - 1, "0,") + "0]"; },
+              "174(1)"}));
+
+// A FOR has two labels, and one that takes the last can have no body label.
+INSTANTIATE_TEST_SUITE_P(
+    Labels, CompilerLimits,
+    testing::Values(
+        Limit{"for", 127, [](int n) { return repeated(n, "for i = 0 to 1\nnext\n"); },
+              "161(256)"},
+        Limit{"for each", 127, [](int n) { return repeated(n, "for each i in x : next\n"); },
+              "161(128)"},
+        Limit{"while", 127, [](int n) { return repeated(n, "while x : end while\n"); }, "177(128)"},
+        // GOTO's labels are numbered behind those of loops, and one byte tells 256 of them apart.
+        Limit{"goto", 256, [](int n) { return numbered(n, "l~:\ngoto l~\n"); }, "14(l256)"}));
+
+// All that nests counts as one level, however many levels of precedence lie between.
+INSTANTIATE_TEST_SUITE_P(
+    Nesting, CompilerLimits,
+    testing::Values(
+        Limit{"parentheses", 250,
+              [](int n) { return "x = " + repeated(n, "(") + '1' + repeated(n, ")"); }, "174(1)"},
+        Limit{"arrays", 250, [](int n) { return "x = " + repeated(n, "[") + repeated(n, "]"); },
+              "174(1)"},
+        Limit{"associative arrays", 250,
+              [](int n) { return "x = " + repeated(n, "{a:") + '1' + repeated(n, "}"); }, "174(1)"},
+        Limit{"minus", 250, [](int n) { return "x = " + repeated(n, "-") + '1'; }, "174(1)"},
+        Limit{"plus", 250, [](int n) { return "x = " + repeated(n, "+") + '1'; }, "174(1)"},
+        Limit{"not", 250, [](int n) { return "x = " + repeated(n, "not ") + '1'; }, "174(1)"},
+        Limit{"power", 250, [](int n) { return "x = 1" + repeated(n, "^1"); }, "174(1)"},
+        Limit{"calls", 250,
+              [](int n) { return "x = " + repeated(n, "f(") + '1' + repeated(n, ")"); }, "174(1)"},
+        Limit{"global calls", 250,
+              [](int n) { return "x = " + repeated(n, "len(") + '1' + repeated(n, ")"); },
+              "174(1)"},
+        Limit{"calls with another count", 250,
+              [](int n) { return "x = " + repeated(n, "len(1,") + '1' + repeated(n, ")"); },
+              "174(1)"},
+        Limit{"indexes", 250,
+              [](int n) { return "x = " + repeated(n, "a[") + '1' + repeated(n, "]"); }, "174(1)"},
+        Limit{"anonymous functions", 250,
+              [](int n) {
+                return "x = " + repeated(n, "function() : return ") + '1' +
+                       repeated(n, " : end function");
+              },
+              "174(1)"},
+        Limit{"blocks", 250,
+              [](int n) { return repeated(n, "if a then\n") + repeated(n, "end if\n"); },
+              "174(251)"},
+        Limit{"line ifs", 250, [](int n) { return repeated(n, "if a then ") + "stop"; },
+              "174(1)"}));
+
+TEST(CompilerLimits, JumpsThatAreTooFarGoToLabels) {
+  Compiler compiler;
+  const std::string body = "if a then " + repeated(49, "x = 1:") + "stop:stop:stop:stop";
+  const auto tail = [&](const std::string& text) {
+    const std::string code = compiler.compile(text).code();
+    return code.substr(0, code.find(';', code.find(';') + 1));
+  };
+  // 245 bytes of assignments, up to 14 more, and the operand itself.
+  EXPECT_EQ(tail(body + repeated(5, ":stop")), "pushlocal a; iffalse +255");
+  EXPECT_EQ(tail(body + repeated(6, ":stop")), "pushlocal a; iffalse J000 'addr=260");
+  EXPECT_EQ(tail(body + repeated(3, ":stop") + " else stop"), "pushlocal a; iffalse +255");
+  EXPECT_EQ(tail(body + repeated(4, ":stop") + " else stop"),
+            "pushlocal a; iffalse J000 'addr=260");
+  // The jump over a long ELSE part, of a line and of a block.
+  const std::string end = "pushlocal a; iffalse +4; stop; jump J000 'addr=264; stop";
+  const std::string stops = repeated(255, ":stop");
+  EXPECT_EQ(compiler.compile("if a then stop else stop" + stops).code().substr(0, end.size()), end);
+  EXPECT_EQ(compiler.compile("if a then\nstop\nelse" + stops + ":stop\nend if")
+                .code()
+                .substr(0, end.size()),
+            end);
+}
+
+// 254 labels of loops and one more are all that an instruction can name. A plain IF whose body is
+// too long for its jump then jumps nowhere, which scripts never noticed; all others are errors.
+TEST(CompilerLimits, JumpsThatFindNoLabelLeft) {
+  Compiler compiler;
+  const std::string loops = repeated(127, "for i = 0 to 1 : next\n");
+  const std::string far = "if a then stop" + repeated(255, ":stop");
+  EXPECT_EQ(compiler.compile(loops + far + "\n" + far).errors(), "");
+  EXPECT_EQ(compiler.compile(loops + far + "\n" + far + " else stop").errors(), "174(129)");
+  EXPECT_EQ(compiler.compile(loops + far + "\nif a then stop else stop" + repeated(255, ":stop"))
+                .errors(),
+            "174(129)");
+  EXPECT_EQ(compiler.compile(loops + far + "\nif a then\n" + repeated(256, ":stop") + "\nend if\nx")
+                .errors(),
+            "174(131)");
+  const std::string chain = "\nif a then\nstop\nelse\n" + repeated(256, ":stop") + "\nend if\nx";
+  EXPECT_EQ(compiler.compile(loops + far + chain).errors(), "174(133)");
+}
+
+TEST(CompilerLimits, LabelsBehindTheLastAreErrorsEach) {
+  Compiler compiler;
+  // The search for l257 passes two labels that no operand reaches.
+  EXPECT_EQ(compiler.compile(numbered(258, "l~:\ngoto l~\n")).errors(),
+            "14(l256) 14(l257) 14(l257)");
+  EXPECT_EQ(
+      compiler.compile(numbered(257, "l~:\n") + numbered(257, "goto l~\n") + "goto none").errors(),
+      "14(l256) 14(none) 14(none)");
+}
+
+TEST(CompilerLimits, FunctionsAreNumberedInTwoBytes) {
+  Compiler compiler;
+  const std::string functions = numbered(65535, "sub s~():end sub\n");
+  EXPECT_EQ(compiler.compile(functions + "sub main():s65534():end sub").errors(), "");
+  EXPECT_EQ(compiler.compile(functions + "sub last():end sub:sub main():last():end sub").errors(),
+            "177(65537)");
+}
+
+TEST(CompilerLimits, TheFirstOneEndsTheCompilation) {
+  Compiler compiler;
+  EXPECT_EQ(compiler.compile("x\ny = a" + repeated(33, " or a") + "\nz").errors(), "2(1) 174(2)");
+  EXPECT_EQ(
+      compiler.compile("sub a()\ny = a" + repeated(33, " or a") + "\nend sub\nsub b(").errors(),
+      "174(2)");
+}
+
+// Wide operands: low byte first, but for a function's number.
+TEST(CompilerLimits, WideOperandsBeginAt256) {
+  Compiler compiler;
+  const Program program =
+      compiler.compile("sub main()\n" + numbered(257, "x = ~ : x = \"~\" : x = y.n~ : y.n~ = 0\n") +
+                       "s255()\nend sub\n" + numbered(257, "sub s~() : end sub\n"));
+  ASSERT_EQ(program.errors(), "");
+  const std::string text = compiled::hex(program.main()->code);
+  const std::string last =
+      "87 00 01 aa 02 00 85 00 01 aa 02 00 a9 03 00 b2 00 01 aa 02 00 86 00 a9 03 00 ae 00 01 "
+      "8a 01 00 bc 00 8c 00 a7 83 b4";
+  const std::string before =
+      "86 ff aa 02 00 84 ff aa 02 00 a9 03 00 b1 ff aa 02 00 86 00 a9 03 00 "
+      "ad ff ";
+  EXPECT_EQ(text.substr(text.size() - last.size() - before.size()), before + last);
+}
+
+// --- Line records -----------------------------------------------------------------------------
+
+struct LineRow {
+  std::string text;
+  std::string code;
+  std::string map;
+};
+void PrintTo(const LineRow& row, std::ostream* os) { *os << row.text; }
+
+class CompilerLines : public testing::TestWithParam<LineRow> {};
+
+TEST_P(CompilerLines, FollowTheCode) {
+  Compiler compiler;
+  const Program program = compiler.compile(GetParam().text);
+  if (!GetParam().code.empty()) {
+    EXPECT_EQ(program.code(), withNewAA(GetParam().code) + "; end");
+  }
+  ASSERT_NE(program.main(), nullptr);
+  EXPECT_EQ(lineMap(program.main()), GetParam().map);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Statements, CompilerLines,
+    testing::Values(LineRow{"x = 1\n\n' note\ny = 2 : z = 3\nstop\n", "", "0:1 5:4 15:5"},
+                    // FOR's own instruction belongs to its line, the one that goes round to NEXT's.
+                    LineRow{"for i = 0 to 1\nstop\nnext\nstop", "", "0:1 12:2 13:3 18:4"},
+                    LineRow{"for each i in x\nstop\nnext\nstop", "", "0:1 6:2 7:3 12:4"},
+                    LineRow{"while x\nstop\nend while\nstop", "", "0:1 5:2 6:3 8:4"},
+                    LineRow{"if x then\nstop\nelse if y\nstop\nelse\nstop\nend if\nstop", "",
+                            "0:1 5:2 6:3 13:4 14:5 16:6 17:8"},
+                    LineRow{"stop\r\nstop\r\nstop", "", "0:1 1:2 2:3"}));
+
+INSTANTIATE_TEST_SUITE_P(
+    SeveralLines, CompilerLines,
+    testing::Values(LineRow{"x = {\n  a: 1\n  b: 2\n}\nstop", "", "0:1 2:2 8:3 14:4 17:5"},
+                    // What converts belongs to the target's line.
+                    LineRow{"x$ = {\n  a: 1\n}\nstop", "", "0:1 2:2 8:1 13:4"},
+                    // The target's code moves behind the value's and keeps its line.
+                    LineRow{"o.m = {\n  a: 1\n  b: 2\n}\nstop", "", "0:1 2:2 8:3 14:1 19:5"},
+                    LineRow{"x = 1\no.m = {\n  a: 1\n} : y = 2\nstop", "",
+                            "0:1 5:2 7:3 13:2 18:4 23:5"},
+                    LineRow{"a[{\n  k: 1\n}] = {\n  l: 2\n}\nstop",
+                            "{}; dup; pushint #2; swap; dotset l; pushlocal a; "
+                            "{}; dup; pushint #1; swap; dotset k; array_set [sp-1]; stop",
+                            "0:3 2:4 8:1 13:2 19:3 21:6"},
+                    // The prefix of a call is inserted before its arguments.
+                    LineRow{"x = len({\n  a: 1\n}, 2)\nstop", "", "0:1 7:2 13:3 20:4"}));
+
+TEST_P(CompilerLines, CoverAllCode) {
+  Compiler compiler;
+  const Program program = compiler.compile(GetParam().text);
+  ASSERT_NE(program.main(), nullptr);
+  EXPECT_EQ(lineMap(program.main()).find("none"), std::string::npos);
+}
+
+TEST(CompilerLines, OfAnonymousFunctionsAreTheirOwn) {
+  Compiler compiler;
+  const Program program = compiler.compile(
+      "sub main()\n"
+      "  o.f = function(a)\n"
+      "    x = a\n"
+      "    return x\n"
+      "  end function : stop\n"
+      "  f(function() : stop : end function, 1)\n"
+      "end sub\n");
+  ASSERT_EQ(program.errors(), "");
+  EXPECT_EQ(lineMap(program.module()->functions[0]), "0:5 3:2 8:5 9:6 22:7");
+  EXPECT_EQ(lineMap(program.module()->functions[1]), "0:3 6:4 10:5");
+  EXPECT_EQ(lineMap(program.module()->functions[2]), "0:6");
+  std::string texts;
+  for (const psLineData& line : program.module()->lines) {
+    if (line.function == program.module()->functions[1]) texts += '[' + line.srccpy + ']';
+  }
+  EXPECT_EQ(texts, "[function(a)][    x = a][    return x][  end function]");
+}
+
+// Random statements over many lines, in which every word tells its line: LINE_NUM as a value, the
+// line's number in the names of variables and members. Wherever an instruction has gone, its record
+// must be the one of that line.
+class Scribbler {
+ public:
+  explicit Scribbler(unsigned seed) : random_(seed) {}
+
+  std::string program() {
+    text_ = repeated(kFirstLine - 1, "\n");
+    line_ = kFirstLine;
+    for (int i = 0; i < 12; i++) statement(3);
+    return text_;
+  }
+  // Above all constants that the compiler itself uses.
+  static constexpr int kFirstLine = 100;
+
+ private:
+  int pick(int n) { return static_cast<int>(random_() % static_cast<unsigned>(n)); }
+  void put(std::string_view piece) { text_ += piece; }
+  void newLine() {
+    put(pick(4) == 0 ? " ' note\n" : "\n");
+    line_++;
+  }
+  void name(char kind) { put(kind + std::to_string(line_)); }
+  void separator() {
+    if (pick(2) == 0) {
+      put(", ");
+      if (pick(3) == 0) newLine();
+    } else {
+      newLine();
+    }
+  }
+  void expression(int depth) {
+    switch (depth <= 0 ? pick(2) : pick(10)) {
+      case 0: put("line_num"); break;
+      case 1: name('v'); break;
+      case 2:
+        put("[");
+        if (pick(2) == 0) newLine();
+        for (int i = pick(3); i >= 0; i--) {
+          expression(depth - 1);
+          if (i > 0) separator();
+        }
+        if (pick(2) == 0) newLine();
+        put("]");
+        break;
+      case 3:
+        put("{");
+        if (pick(2) == 0) newLine();
+        for (int i = pick(3); i >= 0; i--) {
+          put("key: ");
+          expression(depth - 1);
+          if (i > 0) separator();
+        }
+        if (pick(2) == 0) newLine();
+        put("}");
+        break;
+      case 4:
+        // Of a global function, and of one that takes another number of arguments.
+        put(pick(2) == 0 ? "len(" : "mid(");
+        expression(depth - 1);
+        put(")");
+        break;
+      case 5:
+        name('v');
+        put("(");
+        expression(depth - 1);
+        put(", ");
+        expression(depth - 1);
+        put(")");
+        break;
+      case 6:
+        name('v');
+        put("[");
+        expression(depth - 1);
+        put("].");
+        name('n');
+        break;
+      case 7:
+        expression(depth - 1);
+        put(pick(2) == 0 ? " + " : " and ");
+        expression(depth - 1);
+        break;
+      case 8:
+        put("function()");
+        if (pick(2) == 0) {
+          newLine();
+        } else {
+          put(" : ");
+        }
+        for (int i = pick(2); i >= 0; i--) statement(depth - 1);
+        put("end function");
+        break;
+      default:
+        put("(");
+        expression(depth - 1);
+        put(")");
+        break;
+    }
+  }
+  void accessors(int depth) {
+    for (int i = pick(3); i >= 0; i--) {
+      if (pick(2) == 0) {
+        put(".");
+        name('n');
+      } else {
+        put("[");
+        expression(depth - 1);
+        put("]");
+      }
+    }
+  }
+  void statement(int depth) {
+    switch (pick(6)) {
+      case 0:
+        name('v');
+        put(" = ");
+        break;
+      case 1:
+        name('v');
+        put("$ = ");
+        break;
+      case 2:
+        put(pick(2) == 0 ? "len(line_num)" : "len(line_num, line_num)");
+        accessors(depth);
+        put(" = ");
+        break;
+      case 3:
+      case 4:
+        name('v');
+        accessors(depth);
+        put(" = ");
+        break;
+      default: put("print ");
+    }
+    expression(depth);
+    if (pick(4) == 0) {
+      put(" : ");
+    } else {
+      newLine();
+    }
+  }
+
+  std::mt19937 random_;
+  std::string text_;
+  int line_ = 0;
+};
+
+// What an instruction tells about the line it was written on; 0: nothing.
+int lineTold(const psFunction* function, uint32_t pc) {
+  const auto number = [](const std::string& name) {
+    return name.size() > 1 ? std::atoi(name.c_str() + 1) : 0;
+  };
+  const uint8_t* code = function->code.data() + pc;
+  switch (code[0]) {
+    case kOpPushInt: {
+      const int value = function->module->integers[code[1]];
+      return value >= Scribbler::kFirstLine ? value : 0;
+    }
+    case kOpPushInt2: return function->module->integers[code[1] + 256u * code[2]];
+    case kOpPushLocal: return number(GetVarByIndex(function, code[1]).name);
+    case kOpPopLocal: {
+      const std::string& name = GetVarByIndex(function, code[1]).name;
+      return name.back() == '$' ? number(name) : 0;
+    }
+    case kOpDot:
+    case kOpDotSet: return number(GetIdByIndex(function->module, code[1]).text);
+    default: return 0;
+  }
+}
+
+TEST(CompilerLines, StayRightWhateverMoves) {
+  Compiler compiler;
+  int compiled = 0;
+  for (unsigned seed = 1; seed <= 600; seed++) {
+    const std::string text = Scribbler(seed).program();
+    const Program program = compiler.compile(text);
+    // A long text may have more variables or longer chains than a function can hold.
+    if (program.module() == nullptr) {
+      ASSERT_TRUE(program.errors().starts_with("17")) << program.errors() << "\n" << text;
+      continue;
+    }
+    compiled++;
+    for (const psFunction* function : program.module()->functions) {
+      for (uint32_t pc = 0; pc < function->code.size();) {
+        const psLineData* line =
+            DebugPCToLine(program.module(), static_cast<int32_t>(pc), function);
+        ASSERT_NE(line, nullptr) << "seed " << seed << " pc " << pc << text;
+        const int told = lineTold(function, pc);
+        std::string instruction;
+        const uint32_t next = Disasm_impl(function, pc, &instruction);
+        if (told != 0) {
+          ASSERT_EQ(line->line_num, told) << seed << ' ' << pc << instruction << text;
+        }
+        pc = next;
+      }
+    }
+  }
+  EXPECT_GT(compiled, 500);
+}
+
+}  // namespace
