@@ -878,10 +878,13 @@ PS_NOINLINE bool findCallee(psProc* p, const psTypedValue* v, Callee* callee) {
   return found;
 }
 
-void convertOrFail(pscDomain* domain, psTypedValue* v, psTypeEnum type, psStatus* status) {
-  if (psIs(*v, kPsRawDoubleFlag) && (type == psDouble || type == psDynamic)) return;
-  if (psIs(*v, kPsRawDoubleFlag)) *status = boxRawDouble(domain, v);
-  if (*status == kPsOkay) *status = DoConvert(domain, v, type);
+psStatus convertTop(pscDomain* domain, psTypedValue* v, psTypeEnum type) {
+  if (psIs(*v, kPsRawDoubleFlag)) {
+    if (type == psDouble || type == psDynamic) return kPsOkay;
+    const psStatus status = boxRawDouble(domain, v);
+    if (status != kPsOkay) return status;
+  }
+  return DoConvert(domain, v, type);
 }
 
 // Consumes a break request; the code to stop with, or 0.
@@ -1254,8 +1257,7 @@ L_PopLTyped: {
     NEXT;
   }
   if (sp[-1].type_flags != (1u << ip->b)) {
-    convertOrFail(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->b), &status);
-    if (status != kPsOkay) goto failed;
+    CHECK(convertTop(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->b)));
   }
   storeOver(to, *--sp);
   NEXT;
@@ -1294,8 +1296,7 @@ L_SetLK:
   NEXT;
 
 L_ConvertTop:
-  convertOrFail(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->a), &status);
-  if (PS_UNLIKELY(status != kPsOkay)) goto failed;
+  CHECK(convertTop(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->a)));
   NEXT;
 
 L_ConvertL:
@@ -1527,8 +1528,7 @@ L_ReturnL: {
 
 L_ReturnTyped:
   if (sp[-1].type_flags != (1u << ip->a)) {
-    convertOrFail(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->a), &status);
-    if (PS_UNLIKELY(status != kPsOkay)) goto failed;
+    CHECK(convertTop(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->a)));
   }
 
 L_Return: {
