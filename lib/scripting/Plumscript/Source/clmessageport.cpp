@@ -8,8 +8,8 @@
 // A break raises the event too, after the woken flag. The hook for it is in place before the break
 // word is looked at, so a break that came earlier is seen there, and a later one finds the hook.
 //
-// The watchdog runs while it has a timeout and the script runs: not during a wait, and not while the
-// script is stopped.
+// The watchdog runs while it has a timeout and the script runs: not during a wait, and not while
+// the script is stopped.
 #include "clmessageport.h"
 
 #include <atomic>

@@ -32,6 +32,9 @@ using psCompileErrors = std::vector<psCompileError>;
 
 struct psParser;
 
+// The file name under which appended statements are known.
+constexpr std::string_view kPsLiveFileName = "$LIVECOMPILE";
+
 // Once a process, before the first compilation, and after the last.
 void compInit();
 void compUninit();

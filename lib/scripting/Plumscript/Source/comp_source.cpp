@@ -150,11 +150,10 @@ void undoLive(psModule* module, psFunction* function, const LiveUndo& undo) {
 }
 
 const std::string* liveFileName(psModule* module) {
-  constexpr std::string_view kName = "$LIVECOMPILE";
-  if (!module->file_names.empty() && module->file_names.back() == kName) {
+  if (!module->file_names.empty() && module->file_names.back() == kPsLiveFileName) {
     return &module->file_names.back();
   }
-  return modAddFileName(module, kName);
+  return modAddFileName(module, kPsLiveFileName);
 }
 
 // Appends the text's code to a copy of the function's; the copy takes the code's place when the
@@ -203,7 +202,7 @@ psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction*
   } catch (const std::bad_alloc&) {
     psCompileError& error = errors.emplace_back();
     error.code = kPsOutOfMemory;
-    error.file = "$LIVECOMPILE";
+    error.file = kPsLiveFileName;
   }
   undoLive(module, function, undo);
   return errors;

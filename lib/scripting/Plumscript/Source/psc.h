@@ -151,13 +151,13 @@ struct psIfAssociativeArray {
   psTypedValue (*LookupCi)(pscInstance*, psText key);
   void (*Append)(pscInstance*, pscInstance* other);
 };
-// Only koMessagePort has these; an object with an ifMessagePort of its own that merely takes a port
-// leaves the record null.
+// Only koMessagePort has these; an object whose ifMessagePort merely takes a port leaves the record
+// null.
 struct psIfMessagePort {
   pscInstance* (*GetMessage)(pscInstance*);  // handed over, or null
   pscInstance* (*WaitMessage)(pscInstance*, int32_t milliseconds);
-  // Takes a reference of its own. Any thread, never blocks on the script. False: dropped, the script
-  // has let too many messages pile up.
+  // Takes a reference of its own. Any thread, never blocks on the script. False: dropped, the
+  // script has let too many messages pile up.
   bool (*PostMessage)(pscInstance*, pscInstance* message);
   pscInstance* (*PeekMessage)(pscInstance*);
 };
@@ -239,8 +239,8 @@ constexpr uint32_t kPscDomainMagic = 0xd002a14e;
 struct pscDomain {
   psList list;  // live instances in creation order, guarded by psc_ref_and_list_lock
   psRecursiveLock collector_lock;
-  // How a break reaches a blocking call: it puts its hook here, looks at the break word (a break may
-  // have come before the hook) and only then waits.
+  // How a break reaches a blocking call: it puts its hook here, looks at the break word (a break
+  // may have come before the hook) and only then waits.
   std::mutex break_lock;  // held while the hook is changed, and while another thread calls it
   std::atomic<void (*)(void*)> break_hook{nullptr};
   std::atomic<void*> break_arg{nullptr};

@@ -84,12 +84,16 @@ psTypedValue compileErrorList(pscDomain* domain, const psCompileErrors& errors) 
   return psObjectValue(list);
 }
 
+// The line counts within the evaluated text, or in the script's file for an error in a function that
+// the text has called.
 void reportEvalError(const psProc* p, psStatus status, int32_t first_line) {
   char text[256];
   const psLineData* line = DebugPCToLine(p->mod, p->error_offset, p->error_function);
   if (line != nullptr && p->error_offset >= 0) {
+    const bool evaluated = *line->file == kPsLiveFileName && line->line_num >= first_line;
     std::snprintf(text, sizeof text, "Eval runtime error: %s (&h%02x) at line %d\n",
-                  psStatusText(status), status, line->line_num - first_line + 1);
+                  psStatusText(status), status,
+                  evaluated ? line->line_num - first_line + 1 : line->line_num);
   } else {
     std::snprintf(text, sizeof text, "Eval runtime error: %s (&h%02x)\n", psStatusText(status),
                   status);

@@ -576,7 +576,7 @@ size_t Decoder::fuseBinary(size_t first, size_t op, Mode mode) {
   ins.a = a;
   ins.b = b;
   ins.x = x;
-  ins.c = to_local ? steps_[op + 1].a : (raw ? 1 : 0);
+  ins.c = to_local ? steps_[op + 1].a : (raw ? kPsTakesRawDouble : 0);
   return op + (to_local ? 2 : 1);
 }
 

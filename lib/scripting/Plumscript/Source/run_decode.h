@@ -84,6 +84,10 @@ enum psFastOp : uint16_t {
   // What a plain instruction carries in c: every plain operation fits a byte, and binary operators
   // are their SS_S form.
 };
+// What a fast instruction carries in c when its double may stay without a box. The plain form shares
+// the handlers: there c is the operation, and none that could leave a double has this number.
+constexpr uint8_t kPsTakesRawDouble = 1;
+static_assert(kFastPushDouble == kPsTakesRawDouble && kFastNeSS_S < 256);
 
 struct psDecodedForm {
   std::vector<psInstruction> code;

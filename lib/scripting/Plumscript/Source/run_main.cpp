@@ -890,9 +890,10 @@ psStatus convertTop(pscDomain* domain, psTypedValue* v, psTypeEnum type) {
 // Consumes a break request; the code to stop with, or 0.
 psStatus takeBreak(psProc* p) {
   uint32_t word = p->break_word.load(std::memory_order_acquire);
-  if ((word & kPsBreakCounted) != 0 && p->turns_left-- == 0) {
-    p->break_word.fetch_and(~kPsBreakCounted);
-    return kPsBreak;
+  if ((word & kPsBreakCounted) != 0) {
+    // Once they are used up, whatever evaluated the text that met the limit stops too.
+    if (p->turns_left == 0) return kPsBreak;
+    p->turns_left--;
   }
   for (;;) {
     const auto code = static_cast<psStatus>(word & kPsBreakCodeMask);
@@ -984,11 +985,15 @@ bool ResizeLocalStorage(psProc* p) {
 
 psStatus psRunAppended(psProc* p, uint32_t start) {
   subctx* frame = p->ctx;
-  if (!ResizeLocalStorage(p)) return kPsStackOverflow;
+  if (!ResizeLocalStorage(p)) {
+    p->error_offset = -1;
+    return kPsStackOverflow;
+  }
   subctx* outer_base = p->base_frame;
   const uint32_t pc = frame->pc;
   const psInstruction* resume = frame->resume;
-  const ptrdiff_t depth = p->evsp - p->eval_stack;
+  // Counted from the frame's end: the statements may give the frame more variables.
+  const ptrdiff_t depth = p->evsp - (frame->locals + frame->varlistsize);
   p->base_frame = frame;
   frame->pc = start;
   frame->resume = nullptr;
@@ -996,7 +1001,7 @@ psStatus psRunAppended(psProc* p, uint32_t start) {
   // A RETURN among the statements ends them.
   if (status == kPsReturned) status = kPsNormalEnd;
   while (p->ctx != frame) psPopFrame(p);
-  psTypedValue* end = p->eval_stack + depth;
+  psTypedValue* end = frame->locals + frame->varlistsize + depth;
   releaseRange(end, p->evsp);
   for (; p->evsp < end; p->evsp++) *p->evsp = psInvalidValue();
   p->evsp = end;
@@ -1603,7 +1608,9 @@ L_Print: {
   p->evsp = sp + n;
   const uint8_t* code = p->ctx->sub->code.data() + ip->pc;
   CHECK(DoPrint(p, sp, n, code + 2));
-  NEXT;
+  ip++;
+  if (turn(p)) goto break_seen;  // it may have cut the listing short
+  DISPATCH;
 }
 
 L_CreateIdx: {
@@ -1918,8 +1925,8 @@ L_Neg:
   NEXT;
 
 #define SLOW_TO_STACK(OP, MODE)                                                               \
-  status = slowBinary(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP, ip->c != 0,         \
-                      sp - POPS_##MODE);                                                      \
+  status = slowBinary(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP,                     \
+                      ip->c == kPsTakesRawDouble, sp - POPS_##MODE);                          \
   sp += 1 - POPS_##MODE;                                                                      \
   if (PS_UNLIKELY(status != kPsOkay)) goto failed;                                            \
   NEXT;
@@ -1955,7 +1962,7 @@ L_Neg:
 // local.
 #define DOUBLES_S(MODE, FLOATING)                                                             \
   double i, j;                                                                                \
-  if (PS_LIKELY(ip->c != 0) && readDouble(x, &i) && readDouble(y, &j)) {                      \
+  if (PS_LIKELY(ip->c == kPsTakesRawDouble) && readDouble(x, &i) && readDouble(y, &j)) {      \
     const double r = FLOATING;                                                                \
     releaseOwned(x, y, OWN_##MODE);                                                           \
     sp += 1 - POPS_##MODE;                                                                    \

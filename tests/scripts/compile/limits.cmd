@@ -1,0 +1,1 @@
+check lib/for_loops.plm lib/while_loops.plm lib/variables.plm lib/floats.plm

@@ -1,0 +1,1 @@
+check lib/labels.plm lib/results.plm
