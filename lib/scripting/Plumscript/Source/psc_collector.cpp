@@ -196,7 +196,9 @@ pscCollection pscGarbageCollect(pscDomain* domain) {
 
 void pscEnumerateInstances(pscDomain* domain, void (*callback)(pscInstance*, void*), void* arg) {
   const pscListLock lock;
-  for (auto* i = firstOf(domain->list); i != nullptr; i = after(i)) callback(i, arg);
+  for (auto* i = firstOf(domain->list); i != nullptr; i = after(i)) {
+    if (count(i) > 0) callback(i, arg);  // else its last owner is about to unlink it
+  }
 }
 
 void pscNotifyStopped(pscDomain* domain) {
@@ -220,16 +222,18 @@ void pscNotifyRunning(pscDomain* domain) {
 void pscDetachStrings(pscDomain* domain) {
   // Detaching creates instances, which join the list behind the walk; they hold no constants.
   pscListLock lock;
-  for (auto* i = firstOf(domain->list); i != nullptr; i = after(i)) {
+  pscInstance* next;
+  for (auto* i = firstOf(domain->list); i != nullptr; i = next) {
+    next = after(i);
     if (i->psc_class->detach_strings == nullptr || !hold(i)) continue;
     lock.unlock();
     i->psc_class->detach_strings(i);
     lock.lock();
+    next = after(i);
     if (!letGoUnlessLast(i)) continue;
     lock.unlock();
     pscSubRef(i);
     lock.lock();
-    i = firstOf(domain->list);  // its neighbours may be gone with it
-    if (i == nullptr) break;
+    next = firstOf(domain->list);  // its neighbours may be gone with it
   }
 }

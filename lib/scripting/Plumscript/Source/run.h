@@ -31,6 +31,8 @@ struct subctx {
   const psInstruction* resume;     // decoded form of pc, or null when it must be looked up
   psTypedValue* chain_slot;        // where pieces for the text in chain_local gather, or null
   uint8_t chain_local;
+  // Entered by a jump from another chunk: the stack is not what the analysis of the code knows.
+  bool plain_only;
 };
 // Every frame needs a slot for `global` and one for `m`, so the stack bounds the number of frames.
 constexpr int kPsMaxFrames = kPsStackSlots / 2;

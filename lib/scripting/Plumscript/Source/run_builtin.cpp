@@ -168,6 +168,27 @@ psStatus compileFiles(psProc* child, const psTypedValue& files, psCompileErrors*
   return status;
 }
 
+constexpr uint32_t kRequest = kPsBreakCodeMask | kPsBreakSticky;
+
+// Requests go to the innermost process. One that reached the parent just before the child was there
+// is the child's, and so is a limit on turns; one that the child had no time for is the parent's.
+void enterChild(psProc* p, psProc* child) {
+  const std::lock_guard lock(psChainLock);
+  const uint32_t word = p->break_word.load();
+  child->break_word.fetch_or(word & (kRequest | kPsBreakCounted));
+  if ((word & kPsBreakSticky) == 0) p->break_word.fetch_and(~kRequest);
+  child->turns_left = p->turns_left;
+  p->chain.store(child);
+}
+
+void leaveChild(psProc* p, psProc* child) {
+  const std::lock_guard lock(psChainLock);
+  p->chain.store(nullptr);
+  p->turns_left = child->turns_left;
+  const uint32_t late = child->break_word.load() & kRequest;
+  if (late != 0 && (p->break_word.load() & kPsBreakCodeMask) == 0) p->break_word.fetch_or(late);
+}
+
 psStatus runFiles(psProc* p, int n, psTypedValue* args, psTypedValue* result) {
   p->last_run_errors.clear();
   if (n < 1) return kPsWrongParameterCount;
@@ -175,11 +196,9 @@ psStatus runFiles(psProc* p, int n, psTypedValue* args, psTypedValue* result) {
   psProc* child = scriptCreateProcess();
   if (child == nullptr) return kPsOutOfMemory;
   child->run_depth = p->run_depth + 1;
+  child->eval_depth = p->eval_depth;  // both take the same thread's stack
   psAssertText(p->chain.load() == nullptr, "code->chain == ((void *)0)");
-  {
-    const std::lock_guard lock(psChainLock);
-    p->chain.store(child);
-  }
+  enterChild(p, child);
   *result = psInvalidValue();
   psStatus status = compileFiles(child, args[0], &p->last_run_errors);
   if (status == kPsOkay && p->last_run_errors.empty()) {
@@ -194,10 +213,7 @@ psStatus runFiles(psProc* p, int n, psTypedValue* args, psTypedValue* result) {
     p->last_run_status = child->last_status;
     pscDetachStrings(p->domain);
   }
-  {
-    const std::lock_guard lock(psChainLock);
-    p->chain.store(nullptr);
-  }
+  leaveChild(p, child);
   scriptDestroyProcess(child);
   return status;
 }

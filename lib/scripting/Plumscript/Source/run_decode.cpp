@@ -587,9 +587,12 @@ size_t Decoder::chainEnd(size_t first) const {
   constexpr size_t kSearch = 96;
   int above = 1;
   int sums = 0;
+  bool given = false;  // s itself is among the pieces: a call might get it and change it
   for (size_t i = first + 1; i < steps_.size() && i < first + kSearch; i++) {
     const Step& s = steps_[i];
     if (s.is_target) return 0;
+    given |= s.op == kFastPushL && s.a == steps_[first].a;
+    if (given && (s.op == kFastCall || s.op == kFastCallBuiltin)) return 0;
     const psStackEffect e = effect(s);
     if (e.pops >= above) {
       if (s.opcode == kOpAdd && above == 2) {
@@ -624,6 +627,8 @@ bool Decoder::emitChain(size_t first) {
   form_->code.back().handler = psHandlers()[kFastJump];
   setJump(steps_[end].next_pc);
   form_->code[begin].jump = static_cast<int32_t>(form_->code.size() - begin);
+  // Positions in between belong to the ordinary form.
+  for (size_t i = first; i <= end; i++) form_->index_of[steps_[i].pc - chunk_->begin] = -1;
   return true;
 }
 
@@ -822,10 +827,10 @@ std::unique_ptr<psDecodedForm> Decoder::emit(bool plain) {
   return form;
 }
 
-std::unique_ptr<psDecodedCode> decodeChunk(psFunction* function, uint32_t begin) {
+std::unique_ptr<psDecodedCode> decodeChunk(psFunction* function, uint32_t begin, uint32_t end) {
   auto chunk = std::make_unique<psDecodedCode>();
   chunk->begin = begin;
-  chunk->end = static_cast<uint32_t>(function->code.size());
+  chunk->end = end;
   Decoder decoder(function, chunk.get());
   decoder.parse();
   if (!decoder.analyse()) {
@@ -904,20 +909,27 @@ psStackEffect psEffectOf(psFastOp op, int a) {
 
 psDecodedCode* psDecode(psFunction* function) {
   if (function->decoded == nullptr) {
-    function->decoded = decodeChunk(function, 0).release();
-    function->decoded->newest = function->decoded;
+    psDecodeUpTo(function, static_cast<uint32_t>(function->code.size()));
   }
   return function->decoded;
+}
+
+void psDecodeUpTo(psFunction* function, uint32_t end) {
+  if (function->decoded == nullptr) {
+    function->decoded = decodeChunk(function, 0, end).release();
+    function->decoded->newest = function->decoded;
+    return;
+  }
+  psDecodedCode* last = function->decoded->newest;
+  if (last->end >= end) return;
+  last->newer = decodeChunk(function, last->end, end);
+  function->decoded->newest = last->newer.get();
 }
 
 psDecodedCode* psChunkAt(psFunction* function, uint32_t pc) {
   psDecodedCode* first = psDecode(function);
   if (pc < first->end) return first;
-  if (pc >= first->newest->end) {
-    psDecodedCode* last = first->newest;
-    last->newer = decodeChunk(function, last->end);
-    first->newest = last->newer.get();
-  }
+  if (pc >= first->newest->end) psDecodeUpTo(function, static_cast<uint32_t>(function->code.size()));
   if (pc >= first->newest->begin) return first->newest;
   psDecodedCode* chunk = first;
   while (pc >= chunk->end) chunk = chunk->newer.get();
@@ -936,6 +948,7 @@ const psInstruction* psPlainAt(psFunction* function, psDecodedCode* chunk, uint3
     decoder.parse();
     chunk->plain = decoder.emit(true);
   }
+  psAssert(pc - chunk->begin < chunk->plain->index_of.size());
   const int32_t index = chunk->plain->index_of[pc - chunk->begin];
   psAssert(index >= 0);
   return &chunk->plain->code[static_cast<size_t>(index)];

@@ -113,6 +113,9 @@ struct psDecodedCode {
 psDecodedCode* psDecode(psFunction* function);
 // The chunk that holds a code offset; decodes what was appended since.
 psDecodedCode* psChunkAt(psFunction* function, uint32_t pc);
+// Decodes what lies before a code offset, so that what is behind it becomes a chunk, and an analysis,
+// of its own.
+void psDecodeUpTo(psFunction* function, uint32_t end);
 // The instruction at a code offset in the fast form, or null when it has none there.
 const psInstruction* psFastAt(psDecodedCode* chunk, uint32_t pc);
 // The instruction at a code offset in the plain form; asserts that an instruction begins there.

@@ -64,7 +64,7 @@ inline void storeOver(psTypedValue* to, psTypedValue by) {
 }
 
 inline bool soleOwner(const pscInstance* instance) {
-  return instance->ref_cnt.load(std::memory_order_relaxed) == 1;
+  return instance->ref_cnt.load(std::memory_order_acquire) == 1;
 }
 
 PS_NOINLINE psStatus storeNewDouble(pscDomain* domain, psTypedValue* to, double d, uint64_t meta) {
@@ -309,7 +309,7 @@ PS_NOINLINE psStatus slowBinaryToLocal(pscDomain* domain, const psTypedValue* x,
     // s = s + t: the text grows where it is when only s holds it.
     pscInstance* text = local->value.psc;
     const int64_t holders = (own & kOwnLeft) ? 2 : 1;
-    if (text->ref_cnt.load(std::memory_order_relaxed) == holders) {
+    if (text->ref_cnt.load(std::memory_order_acquire) == holders) {
       const bool grown = psStringAppend(text, GetStringPtr(y));
       if (grown) local->meta = kPsObjectFlag | kPsStringFlavourFlag;
       releaseOwned(x, y, own);
@@ -345,8 +345,8 @@ PS_NOINLINE psStatus slowCompare(pscDomain* domain, const psTypedValue* x, const
   if (readNumber(x, &dx, &kinds) && readNumber(y, &dy, &kinds) && kinds != 0) {
     // Without a double both are read as Floats.
     if (!(kinds & kDoubleKind)) {
-      dx = static_cast<float>(dx);
-      dy = static_cast<float>(dy);
+      dx = static_cast<double>(FloatVal(x));
+      dy = static_cast<double>(FloatVal(y));
     }
     *truth = compareDoubles(op, dx, dy);
     releaseOwned(x, y, own);
@@ -402,6 +402,26 @@ PS_NOINLINE psStatus slowIndex(const psTypedValue* container, const psTypedValue
   return status;
 }
 
+// Puts a value where a container keeps one; what was there is handed out, to be released once the
+// container's lock is. The value may be an unboxed double.
+inline psStatus exchangeKept(pscDomain* domain, psTypedValue* kept, const psTypedValue* value,
+                             psTypedValue* old) {
+  psTypedValue by = *value;
+  if (PS_UNLIKELY(psIs(by, kPsRawDoubleFlag))) {
+    if (psIsDoubleBox(*kept) && soleOwner(kept->value.psc)) {
+      psDoubleOf(kept->value.psc) = by.value.d;
+      kept->meta = kPsObjectFlag | kPsBoxedFlag;
+      return kPsOkay;
+    }
+    const psStatus status = boxRawDouble(domain, &by);
+    if (PS_UNLIKELY(status != kPsOkay)) return status;
+  }
+  by.meta = (by.meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
+  *old = *kept;
+  moveValue(kept, by);
+  return kPsOkay;
+}
+
 // array[i] = value for an index that is not among the used ones.
 PS_NOINLINE psStatus growArray(pscInstance* object, int64_t i, const psTypedValue* value) {
   psTypedValue kept = *value;
@@ -423,28 +443,24 @@ inline bool fastIndexSet(const psTypedValue* container, const psTypedValue* inde
   pscInstance* object = container->value.psc;
   if (object->psc_class != &clArray || value->type_flags == 0) return false;
   auto* array = pscData<psArray>(object);
-  const psGuard guard(array->lock);
-  const int64_t i = index->value.i;
-  if (PS_UNLIKELY(static_cast<uint64_t>(i) >= static_cast<uint64_t>(int64_t{array->tail} + 1))) {
-    *status = growArray(object, i, value);
-    return true;
+  psTypedValue old = psUninitializedValue();
+  {
+    const psGuard guard(array->lock);
+    const int64_t i = index->value.i;
+    if (PS_UNLIKELY(static_cast<uint64_t>(i) >= static_cast<uint64_t>(int64_t{array->tail} + 1))) {
+      *status = growArray(object, i, value);
+      return true;
+    }
+    *status = exchangeKept(object->domain, &array->elements[i], value, &old);
   }
-  psTypedValue* element = &array->elements[i];
-  if (PS_UNLIKELY(psIs(*value, kPsRawDoubleFlag))) {
-    *status = storeDouble(object->domain, element, value->value.d, kPsObjectFlag | kPsBoxedFlag);
-    return true;
-  }
-  psTypedValue kept = *value;
-  kept.meta = (value->meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
-  storeOver(element, kept);
-  *status = kPsOkay;
+  ReleaseValue(&old);
   return true;
 }
 
 // The innermost of the arrays that all indexes but the last select, without references: a matrix
 // keeps its rows alive. Null: not koArrays and Integers all the way.
 inline pscInstance* rowOf(const psTypedValue* container, const psTypedValue* indexes, int n) {
-  if (!psSingleThreaded()) return nullptr;  // another thread could drop a row
+  if (n < 1 || !psSingleThreaded()) return nullptr;  // another thread could drop a row
   const psTypedValue* at = container;
   for (int k = 0;; k++) {
     if (!psIs(*at, kPsObjectFlag) || at->value.psc->psc_class != &clArray) return nullptr;
@@ -560,31 +576,28 @@ const fundes* findMethod(const pscClass* cl, psName* name, int nargs) {
 }
 
 // object.name( … ): leaves a bound method, or receiver and native function. The stack must have room
-// for two entries at slot. Returns the number of entries through *entries.
+// for two entries at slot; *entries tells how many are used. A failure leaves one, Invalid, as deep
+// as a bound method would be.
 PS_NOINLINE psStatus resolveMethod(pscDomain* domain, psTypedValue* slot, psName* name, int nargs,
                                    int* entries) {
-  *entries = 2;
+  *entries = 1;
   if (!psIs(*slot, kPsObjectFlag | kPsInterfaceFlag)) {
     const psStatus status = boxForMethods(domain, slot);
-    if (status != kPsOkay) {
-      slot[1] = psInvalidValue();
-      return status;
-    }
+    if (status != kPsOkay) return status;
   }
   if (psIs(*slot, kPsInterfaceFlag)) {
     const pscMemberFunction found =
         pscFindInterfaceFunction(slot->value.iface, name->text.c_str(), nargs);
-    slot[0] = psInvalidValue();
-    slot[1] = psInvalidValue();
+    *slot = psInvalidValue();
     if (!found) return kPsMemberNotFound;
     pushMemberFunction(&slot[1], found.function);
+    *entries = 2;
     return kPsOkay;
   }
   pscInstance* object = slot->value.psc;
   if (object->psc_class->if_assoc != nullptr) {
     psTypedValue found = memberOf(object, name);
     if (PS_LIKELY(found.type_flags != 0)) {
-      *entries = 1;
       uint16_t function;
       if (PS_LIKELY(psIs(found, kPsFunctionFlag))) {
         slot->meta = kPsThisSubFlag;
@@ -603,10 +616,12 @@ PS_NOINLINE psStatus resolveMethod(pscDomain* domain, psTypedValue* slot, psName
   }
   const fundes* function = findMethod(object->psc_class, name, nargs);
   if (function == nullptr) {
-    slot[1] = psInvalidValue();
+    pscSubRef(object);
+    *slot = psInvalidValue();
     return kPsMemberNotFound;
   }
   pushMemberFunction(&slot[1], function);
+  *entries = 2;
   return kPsOkay;
 }
 
@@ -629,12 +644,15 @@ PS_COLD psStatus resolveInterface(pscDomain* domain, psTypedValue* slot, psName*
       return kPsOkay;
     }
   }
-  *whole_call = true;
-  slot[1] = psInvalidValue();
   const psInterface* iface = pscGetInterface(object, iface_name->text.c_str());
-  if (iface == nullptr) return kPsInterfaceNotMember;
-  const pscMemberFunction found = pscFindInterfaceFunction(iface, method->text.c_str(), nargs);
-  if (!found) return kPsMemberNotFound;
+  pscMemberFunction found;
+  if (iface != nullptr) found = pscFindInterfaceFunction(iface, method->text.c_str(), nargs);
+  if (!found) {
+    pscSubRef(object);
+    *slot = psInvalidValue();
+    return iface == nullptr ? kPsInterfaceNotMember : kPsMemberNotFound;
+  }
+  *whole_call = true;
   pushMemberFunction(&slot[1], found.function);
   return kPsOkay;
 }
@@ -648,27 +666,22 @@ inline bool fastMemberSet(const psTypedValue* object, const psName* name,
   if (!psIs(*object, kPsObjectFlag) || value->type_flags == 0) return false;
   if (PS_UNLIKELY(object->value.psc->psc_class != &clAssociativeArray)) return false;
   auto* array = pscData<psAssocArray>(object->value.psc);
-  const psGuard guard(array->lock);
+  psTypedValue old = psUninitializedValue();
   *status = kPsOkay;
-  psAssocEntry* newest = array->buckets[name->bucket];
-  if (PS_LIKELY(newest != nullptr && sameSpelling(newest, name) && newest != array->enum_entry)) {
-    if (psIs(*value, kPsRawDoubleFlag)) {
-      *status = storeDouble(object->value.psc->domain, &newest->value, value->value.d,
-                            kPsObjectFlag | kPsBoxedFlag);
-      return true;
+  {
+    const psGuard guard(array->lock);
+    psAssocEntry* newest = array->buckets[name->bucket];
+    if (PS_LIKELY(newest != nullptr && sameSpelling(newest, name) &&
+                  newest != array->enum_entry)) {
+      *status = exchangeKept(object->value.psc->domain, &newest->value, value, &old);
+    } else {
+      psTypedValue kept = *value;
+      if (psIs(kept, kPsRawDoubleFlag)) *status = boxRawDouble(object->value.psc->domain, &kept);
+      kept.meta = (kept.meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
+      if (*status == kPsOkay) psAssocAddReplace(array, name->text, name->hash, kept);
     }
-    psTypedValue kept = *value;
-    kept.meta = (value->meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
-    storeOver(&newest->value, kept);
-    return true;
   }
-  psTypedValue kept = *value;
-  if (psIs(kept, kPsRawDoubleFlag)) {
-    *status = boxRawDouble(object->value.psc->domain, &kept);
-    if (*status != kPsOkay) return true;
-  }
-  kept.meta = (kept.meta & ~uint64_t{kPsStringFlavourFlag}) | kPsBoxedFlag;
-  psAssocAddReplace(array, name->text, name->hash, kept);
+  ReleaseValue(&old);
   return true;
 }
 
@@ -849,6 +862,7 @@ inline void openFrame(psProc* p, const Callee& callee, int n, psTypedValue* firs
   frame->varlistsize = static_cast<uint32_t>(end - first);
   frame->resume = nullptr;
   frame->chain_slot = nullptr;
+  frame->plain_only = false;
   p->ctx = frame;
   prepareSlots(p, first + n, end, first + parameters, callee.receiver);
 }
@@ -876,6 +890,11 @@ PS_NOINLINE bool findCallee(psProc* p, const psTypedValue* v, Callee* callee) {
   ReleaseValue(&invoke);
   callee->receiver = object;
   return found;
+}
+
+// Whether a value is of a declared type as it stands; String and Double have no kind of their own.
+inline bool hasKind(const psTypedValue& v, unsigned type) {
+  return type <= psComponentMemberFunction && v.type_flags == (1u << type);
 }
 
 psStatus convertTop(pscDomain* domain, psTypedValue* v, psTypeEnum type) {
@@ -954,6 +973,7 @@ psStatus psPushFrame(psProc* p, psFunction* function, int n, pscInstance* m) {
   frame->varlistsize = function->variable_count;
   frame->resume = nullptr;
   frame->chain_slot = nullptr;
+  frame->plain_only = false;
   p->ctx = frame;
   prepareSlots(p, p->evsp, end, locals + parameters, m);
   p->evsp = end;
@@ -994,6 +1014,8 @@ psStatus psRunAppended(psProc* p, uint32_t start) {
   const psInstruction* resume = frame->resume;
   // Counted from the frame's end: the statements may give the frame more variables.
   const ptrdiff_t depth = p->evsp - (frame->locals + frame->varlistsize);
+  psDecodeUpTo(frame->sub, start);
+  const bool plain_only = std::exchange(frame->plain_only, false);
   p->base_frame = frame;
   frame->pc = start;
   frame->resume = nullptr;
@@ -1008,6 +1030,7 @@ psStatus psRunAppended(psProc* p, uint32_t start) {
   p->base_frame = outer_base;
   frame->pc = pc;
   frame->resume = resume;
+  frame->plain_only = plain_only;
   return status;
 }
 
@@ -1134,7 +1157,6 @@ PS_NOINLINE psStatus runLoop(psProc* p) {
   psTypedValue* sp = p->evsp;
   psTypedValue* locals = p->ctx->locals;
   bool plain = false;
-  bool may_leave_plain = true;
 
 // --- Positions --------------------------------------------------------------------------------
 
@@ -1144,19 +1166,18 @@ resume:  // at the current frame's pc
   locals = frame->locals;
   chunk = psChunkAt(frame->sub, frame->pc);
   const psInstruction* fast =
-      may_leave_plain && !stepping(p) && sp + chunk->max_depth <= stackEnd(p)
+      !frame->plain_only && !stepping(p) && sp + chunk->max_depth <= stackEnd(p)
           ? psFastAt(chunk, frame->pc)
           : nullptr;
   plain = fast == nullptr;
   ip = plain ? psPlainAt(frame->sub, chunk, frame->pc) : fast;
-  may_leave_plain = true;
   if (p->break_word.load(std::memory_order_relaxed) != 0 && !plain) goto break_seen;
   DISPATCH;
 }
 
 L_Leave:  // into another chunk: only the plain form can take the stack as it comes
   p->ctx->pc = ip->pc;
-  may_leave_plain = false;
+  p->ctx->plain_only = true;
   goto resume;
 
 break_seen:  // before the instruction at ip
@@ -1261,7 +1282,7 @@ L_PopLTyped: {
     CHECK(storeDouble(p->domain, to, sp->value.d, kPsObjectFlag));
     NEXT;
   }
-  if (sp[-1].type_flags != (1u << ip->b)) {
+  if (!hasKind(sp[-1], ip->b)) {
     CHECK(convertTop(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->b)));
   }
   storeOver(to, *--sp);
@@ -1305,7 +1326,7 @@ L_ConvertTop:
   NEXT;
 
 L_ConvertL:
-  if (locals[ip->a].type_flags == (1u << ip->b)) NEXT;
+  if (hasKind(locals[ip->a], ip->b)) NEXT;
   CHECK(DoConvert(p->domain, &locals[ip->a], static_cast<psTypeEnum>(ip->b)));
   NEXT;
 
@@ -1532,7 +1553,7 @@ L_ReturnL: {
 }
 
 L_ReturnTyped:
-  if (sp[-1].type_flags != (1u << ip->a)) {
+  if (!hasKind(sp[-1], ip->a)) {
     CHECK(convertTop(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->a)));
   }
 

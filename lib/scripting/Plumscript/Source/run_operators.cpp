@@ -146,7 +146,7 @@ psStatus textOperator(pscDomain* domain, psTypedValue* a, psTypedValue* b, uint8
     return kPsOkay;
   }
   if (op != kOpAdd) return kPsTypeMismatch;
-  if (psIsStringBox(*a) && a->value.psc->ref_cnt.load(std::memory_order_relaxed) == 1) {
+  if (psIsStringBox(*a) && a->value.psc->ref_cnt.load(std::memory_order_acquire) == 1) {
     // Nobody else holds the left text: it grows where it is.
     if (!psStringAppend(a->value.psc, y)) return kPsStringOutOfMemory;
     *result = psStringObjectValue(a->value.psc);
