@@ -32,13 +32,32 @@ char g_path[PATH_MAX];
 std::atomic<bool> g_made{false};
 std::string g_folder;
 
-void RemoveTree(int at, const char* name, int depth) {
-  if (::unlinkat(at, name, 0) == 0 || depth == kMaxDepth) return;
+int g_top = -1;        // the root, while it is being removed
+unsigned g_moved = 0;  // folders moved up to it
+
+// Takes a folder that lies too deep to follow up to the root, whose next pass removes it. A name
+// that a script has taken in the meantime only costs another pass.
+bool MoveUp(int at, const char* name) {
+  char moved[] = ".deep-00000000";
+  unsigned n = g_moved++;
+  for (int i = static_cast<int>(sizeof moved) - 2; i > 5; --i, n >>= 4) {
+    moved[i] = "0123456789abcdef"[n & 15];
+  }
+  return ::renameat(at, name, g_top, moved) == 0;
+}
+
+// Whether the entry has gone from where it was. Only async-signal-safe calls.
+bool RemoveTree(int at, const char* name, int depth) {
+  if (::unlinkat(at, name, 0) == 0) return true;
+  if (depth == kMaxDepth) return MoveUp(at, name);
   const int fd = ::openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;
+  if (fd < 0) return false;
+  if (depth == 0) g_top = fd;
+  bool gone = false;
   // Some file systems skip entries when others are removed during a pass, so passes are repeated
   // until the folder goes or a pass removes nothing more.
-  for (int passes = 0; passes < 64; ++passes) {
+  for (bool progress = true; progress && !gone;) {
+    progress = false;
     alignas(dirent64) char entries[1024];
     long n;
     while ((n = ::syscall(SYS_getdents64, fd, entries, sizeof(entries))) > 0) {
@@ -46,14 +65,15 @@ void RemoveTree(int at, const char* name, int depth) {
         const auto* entry = reinterpret_cast<const dirent64*>(entries + i);
         i += entry->d_reclen;
         if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
-          RemoveTree(fd, entry->d_name, depth + 1);
+          progress |= RemoveTree(fd, entry->d_name, depth + 1);
         }
       }
     }
-    if (::unlinkat(at, name, AT_REMOVEDIR) == 0 || errno != ENOTEMPTY) break;
+    gone = ::unlinkat(at, name, AT_REMOVEDIR) == 0;
     ::lseek(fd, 0, SEEK_SET);
   }
   ::close(fd);
+  return gone;
 }
 
 bool LayOut(const std::string& root) {

@@ -112,6 +112,12 @@ class File {
     if (psHooks().mapFilename(name, &native)) {
       fd_ = psHooks().openFile(native, flags | O_CLOEXEC, kMode);
     }
+    // A pipe on a medium would make the script wait for its other end.
+    struct stat status;
+    if (fd_ >= 0 && (fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode))) {
+      close(fd_);
+      fd_ = -1;
+    }
   }
   ~File() {
     if (fd_ >= 0) close(fd_);

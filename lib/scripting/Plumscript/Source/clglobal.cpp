@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -110,8 +111,12 @@ double psTextToDouble(psText text) {
   double value = 0;
   std::from_chars_result read{};
   if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    // Without a digit behind the prefix only the zero is a number.
-    if (text[2] != '-') read = std::from_chars(first + 2, last, value, std::chars_format::hex);
+    // Without a digit behind the prefix only the zero is a number; the reader would take a sign,
+    // "inf" and "nan" there.
+    const unsigned char next = static_cast<unsigned char>(text[2]);
+    if (std::isxdigit(next) || next == '.') {
+      read = std::from_chars(first + 2, last, value, std::chars_format::hex);
+    }
   } else {
     read = std::from_chars(first, last, value, std::chars_format::general);
   }
