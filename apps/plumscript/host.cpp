@@ -188,6 +188,7 @@ void Host::InstallHooks() {
   hooks.setDefaultDrive = [](psText drive) { g_host->m_mapper.SetDefaultDrive(drive); };
   hooks.beforeBlocking = [] { Out().Flush(); };
   hooks.sleep = Sleep;
+  hooks.enableZoneSupport = [](bool enable) { g_host->m_globals.EnableZoneSupport(enable); };
   hooks.rebootSystem = [] { Request(kExitReboot, "Reboot requested by Plumscript\n"); };
   hooks.shutdownSystem = [] { Request(kExitShutdown, "Halt requested by script\n"); };
   hooks.restartScript = [] { Request(kExitRestartScript, "RestartScript requested by script\n"); };

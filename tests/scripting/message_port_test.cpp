@@ -24,8 +24,14 @@ class RecordingWatchdog final : public MultiWatchdog {
   void ExpireNow() override {}
   void SetRunning(bool) override {}
   void Reevaluate() override {}
-  void AddClient(Client* client) override { clients.push_back(client); }
-  void RemoveClient(Client* client) override { std::erase(clients, client); }
+  void AddClient(Client* client) override {
+    clients.push_back(client);
+    supervising = true;
+  }
+  void RemoveClient(Client* client) override {
+    std::erase(clients, client);
+    supervising = !clients.empty();
+  }
   void CheckClientNotRegistered(Client* client) override {
     EXPECT_EQ(std::count(clients.begin(), clients.end(), client), 0);
   }
@@ -38,6 +44,7 @@ class RecordingWatchdog final : public MultiWatchdog {
   }
 
   std::vector<Client*> clients;
+  std::atomic<bool> supervising{false};
 };
 
 class MessagePort : public testing::Test {
@@ -56,6 +63,7 @@ class MessagePort : public testing::Test {
     return describe(core.call(port.object(), name, args));
   }
 
+  RecordingWatchdog watchdog;
   Core core;
   Value port{pscNewComponentByName(core.domain(), "koMessagePort")};
   const psIfMessagePort* methods =
@@ -163,6 +171,9 @@ std::atomic<uint32_t> handler_word{0};
 pscDomain* handler_domain = nullptr;
 
 TEST_F(MessagePort, ASignalHandlerBreaksTheWaitItInterrupts) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "the thread checker holds signals back until after the wait";
+#endif
   core.domain()->running_break_word = &handler_word;
   handler_domain = core.domain();
   struct sigaction action = {};
@@ -185,7 +196,6 @@ TEST_F(MessagePort, ASignalHandlerBreaksTheWaitItInterrupts) {
 }
 
 TEST_F(MessagePort, AWatchdogSupervisesTheScriptBetweenWaits) {
-  RecordingWatchdog watchdog;
   EXPECT_EQ(call("SetWatchdogTimeout", {-1}), "-1");
   EXPECT_EQ(call("SetWatchdogTimeout", {30}), "0");
   EXPECT_EQ(call("SetWatchdogTimeout", {-5}), "-1");
@@ -199,8 +209,7 @@ TEST_F(MessagePort, AWatchdogSupervisesTheScriptBetweenWaits) {
   EXPECT_EQ(watchdog.secondsLeft(), 90);
 
   std::thread sender([&] {
-    while (core.domain()->break_hook == nullptr) std::this_thread::yield();
-    EXPECT_EQ(watchdog.secondsLeft(), -1);
+    while (watchdog.supervising) std::this_thread::yield();  // until the wait has begun
     post(1);
   });
   EXPECT_EQ(wait(0), "<koInt 1>");

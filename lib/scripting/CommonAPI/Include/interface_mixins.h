@@ -15,8 +15,8 @@
 // | StreamSendMixin                                | ifStreamSend      |
 // | StreamReceiveMixin (stream_receive_mixin.h)    | ifStreamReceive   |
 //
-// Methods of an interface are called on the script's thread; what else may be called on which thread
-// is said with each mixin.
+// Methods of an interface are called on the script's thread; what else may be called on which
+// thread is said with each mixin.
 #pragma once
 
 #include <concepts>
@@ -39,10 +39,10 @@ class MessageSourceBase {
   void SetPort(pscInstance* port);
   bool HasPort() const;
 
-  // Creates an event of class Event, constructed with the parameters, gives it the sender's user data
-  // and identity (where both sides have them) and posts it. False when no port received it: there is
-  // none, the script is too far behind, or the event could not be built, which is logged. The caller
-  // sees to it that the sender lives until this returns. Takes the collector lock.
+  // Creates an event of class Event, constructed with the parameters, gives it the sender's user
+  // data and identity (where both sides have them) and posts it. False when no port received it:
+  // there is none, the script is too far behind, or the event could not be built, which is logged.
+  // The caller sees to it that the sender lives until this returns. Takes the collector lock.
   template <class Event, class Sender, class... Params>
   bool PostMessage(Sender& sender, Params&&... params) noexcept;
   // Posts an event that is complete. False when there is no port, or the script is too far behind.

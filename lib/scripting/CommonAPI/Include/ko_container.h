@@ -1,8 +1,8 @@
 // Script containers made and read by native code.
 //
-// Makers throw std::bad_alloc when memory is refused. Readers throw std::runtime_error for an object
-// of the wrong kind, null included; they call back without a lock. For the script's thread, or another
-// one that holds the collector off.
+// Makers throw std::bad_alloc when memory is refused. Readers throw std::runtime_error for an
+// object of the wrong kind, null included; they call back without a lock. For the script's thread,
+// or another one that holds the collector off.
 #pragma once
 
 #include <functional>

@@ -12,10 +12,10 @@
 // A document nested deeper than this does not convert.
 constexpr int kKelvoMaxJsonDepth = 256;
 
-// Containers become koArray and koAssociativeArray, strings koString, booleans koBoolean, null (and a
-// discarded document) koInvalid. Every number becomes a Double; an integer counts by its low 32 bits
-// only. Throws std::runtime_error for a document nested too deeply and std::bad_alloc when memory is
-// refused; nothing is left then. A binary value is a failed assertion: no text gives one.
+// Containers become koArray and koAssociativeArray, strings koString, booleans koBoolean, null (and
+// a discarded document) koInvalid. Every number becomes a Double; an integer counts by its low 32
+// bits only. Throws std::runtime_error for a document nested too deeply and std::bad_alloc when
+// memory is refused; nothing is left then. A binary value is a failed assertion: no text gives one.
 //
 // For the script's thread, or another one that holds the collector off.
 KelvoObjectRef JsonToKelvoObject(pscDomain* domain, const nlohmann::json& json);

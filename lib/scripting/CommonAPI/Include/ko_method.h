@@ -7,10 +7,10 @@
 //       {},
 //   };
 //
-// The descriptor follows from the C++ signature, as with psMethod (ps_native.h), whose parameter and
-// result types these are: int32_t, float, double, bool, psText and pscInstance* (both lent for the
-// call), KelvoTypedValue for Dynamic; as results also std::string and KelvoObjectRef (none: Invalid).
-// A member that T inherits names T, the object's class, as the second argument.
+// The descriptor follows from the C++ signature, as with psMethod (ps_native.h), whose parameter
+// and result types these are: int32_t, float, double, bool, psText and pscInstance* (both lent for
+// the call), KelvoTypedValue for Dynamic; as results also std::string and KelvoObjectRef (none:
+// Invalid). A member that T inherits names T, the object's class, as the second argument.
 //
 // No exception leaves a method: its text becomes the object's failure reason, or is printed for a
 // class without one, and the script gets false, 0, an empty text or Invalid.
@@ -69,7 +69,7 @@ namespace ko_method {
 template <class T>
 [[gnu::cold, gnu::noinline]] void Fail(T& object);
 
-// A function object of this type stands for what a script gets when a method has failed.
+// What a script gets when a method has failed.
 template <class R>
 R Neutral() {
   if constexpr (std::is_same_v<R, psTypedValue>) {

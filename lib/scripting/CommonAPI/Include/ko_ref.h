@@ -21,7 +21,9 @@
 // that calls into the poll thread may run under it, which is why objects are never destroyed there.
 class CollectorLock {
  public:
-  explicit CollectorLock(pscDomain* domain) : m_domain(domain) { pscForbidGarbageCollector(domain); }
+  explicit CollectorLock(pscDomain* domain) : m_domain(domain) {
+    pscForbidGarbageCollector(domain);
+  }
   ~CollectorLock() { pscPermitGarbageCollector(m_domain); }
   CollectorLock(const CollectorLock&) = delete;
   CollectorLock& operator=(const CollectorLock&) = delete;
@@ -65,9 +67,9 @@ class KelvoObjectRef {
   pscInstance* m_instance = nullptr;
 };
 
-// A new instance of a public class that needs no arguments, made with the collector held off. A class
-// that does not exist is a failed assertion ("m_ref"); std::bad_alloc when memory is refused. The
-// class's Init must not call into the poll thread.
+// A new instance of a public class that needs no arguments, made with the collector held off. A
+// class that does not exist is a failed assertion ("m_ref"); std::bad_alloc when memory is refused.
+// The class's Init must not call into the poll thread.
 class GarbageCollectorLockedKelvoObjectRef : public KelvoObjectRef {
  public:
   GarbageCollectorLockedKelvoObjectRef(pscDomain* domain, const char* class_name);
@@ -98,9 +100,9 @@ class GuardedObjectRef {
   KelvoObjectRef m_ref;  // guarded by m_mutex
 };
 
-// The script heap as an allocator: what an object keeps for a script (the payload of an event, above
-// all) counts against the script's memory, so that a peer who sends faster than the script reads
-// cannot fill the machine. std::bad_alloc when the limit refuses.
+// The script heap as an allocator: what an object keeps for a script (the payload of an event,
+// above all) counts against the script's memory, so that a peer who sends faster than the script
+// reads cannot fill the machine. std::bad_alloc when the limit refuses.
 template <class T>
 struct KelvoAllocator {
   using value_type = T;

@@ -87,6 +87,6 @@ class KelvoByteSequence {
   std::string m_bytes;
 };
 
-// A koString with the text up to its first NUL: script texts hold none. std::bad_alloc when memory is
-// refused.
+// A koString with the text up to its first NUL: script texts hold none. std::bad_alloc when memory
+// is refused.
 KelvoObjectRef KelvoNewString(pscDomain* domain, std::string_view text);

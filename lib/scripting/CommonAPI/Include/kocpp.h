@@ -25,13 +25,13 @@
 //   };
 //   constinit pscClass TimerInstance::sm_class = KelvoClass<TimerInstance>("koTimer", kInterfaces);
 //
-// and gets a line in class_registry.cpp. Everything else follows: the object lives in its instance's
-// private data; construction, destruction, the collector's hooks and the conversion of arguments are
-// generated. The record is made by the compiler; nothing runs at start-up.
+// and gets a line in class_registry.cpp. Everything else follows: the object lives in its
+// instance's private data; construction, destruction, the collector's hooks and the conversion of
+// arguments are generated. The record is made by the compiler; nothing runs at start-up.
 //
 // Threads. Methods, Init and koInitClass run on the script's thread. The destructor runs on the
-// thread that drops the last reference; it first detaches whatever may call the object (poll thread,
-// timers, workers), so that nothing reaches a half-destroyed one.
+// thread that drops the last reference; it first detaches whatever may call the object (poll
+// thread, timers, workers), so that nothing reaches a half-destroyed one.
 #pragma once
 
 #include <concepts>
@@ -69,8 +69,11 @@ class KelvoObjectInstanceBase {
     return instance != nullptr && instance->psc_class == &T::sm_class ? pscData<T>(instance)
                                                                       : nullptr;
   }
-  pscInstance* GetHandle() { return reinterpret_cast<pscInstance*>(static_cast<T*>(this)) - 1; }
-  pscDomain* GetDomain() { return GetHandle()->domain; }
+  pscInstance* GetHandle() const {
+    auto* object = const_cast<T*>(static_cast<const T*>(this));
+    return reinterpret_cast<pscInstance*>(object) - 1;
+  }
+  pscDomain* GetDomain() const { return GetHandle()->domain; }
 
   // Called when the class is prepared and when it is torn down, for what all its objects share.
   static bool koInitClass(pscClass*) { return true; }
@@ -93,10 +96,10 @@ class KelvoObjectInstanceBase {
   ~KelvoObjectInstanceBase() = default;
 };
 
-// The base of an object whose constructor takes CtorArgs (koMethod's parameter types) from a script:
-// they reach `bool Init(CtorArgs...)`, which is called right after construction and refuses the
-// creation with false. Without CtorArgs the object is created without arguments, and Init may be left
-// out.
+// The base of an object whose constructor takes CtorArgs (koMethod's parameter types) from a
+// script: they reach `bool Init(CtorArgs...)`, which is called right after construction and refuses
+// the creation with false. Without CtorArgs the object is created without arguments, and Init may
+// be left out.
 template <class T, class... CtorArgs>
 class KelvoObjectInstance : public KelvoObjectInstanceBase<T> {
  public:
@@ -124,7 +127,9 @@ concept HoldsReferences = requires(Mixin& m, const KelvoReferenceVisitor& visit)
   m.Mixin::BreakReferences();
 };
 template <class Mixin>
-concept HasInterface = requires { Mixin::kInterfaceName; };
+concept HasInterface = requires {
+  Mixin::kInterfaceName;
+};
 
 }  // namespace ko_class
 
@@ -255,8 +260,8 @@ psStatus KelvoObjectInstanceV<T>::Construct(void* target, psTypedValue* args, in
   return kPsOkay;
 }
 
-// The record of T's class. The interfaces in their order, those of the mixins among them (one that is
-// missing does not compile); the table lives as long as the class.
+// The record of T's class. The interfaces in their order, those of the mixins among them (one that
+// is missing does not compile); the table lives as long as the class.
 template <class T>
 consteval pscClass KelvoClass(const char* name, std::span<const psInterface> interfaces) {
   static_assert(std::derived_from<T, KelvoObjectInstanceBase<T>>);
@@ -283,12 +288,13 @@ consteval pscClass KelvoClass(const char* name, std::span<const psInterface> int
 
 // --- Creation by native code ------------------------------------------------------------------
 
-// A new object, constructed with the parameters (T has such a constructor beside the one for scripts;
-// Init is not called). Throws what the constructor throws, and std::bad_alloc when memory is refused.
-// Any thread; one that is not the script's holds the collector off until the object is where it
-// belongs. The constructor must not call into the poll thread.
+// A new object, constructed with the parameters (T has such a constructor beside the one for
+// scripts; Init is not called). Throws what the constructor throws, and std::bad_alloc when memory
+// is refused. Any thread; one that is not the script's holds the collector off until the object is
+// where it belongs. The constructor must not call into the poll thread.
 template <class T, class... Params>
 KelvoObjectRef KelvoNewObject(pscDomain* domain, Params&&... params) {
+  LATTIX_ASSERT(T::sm_class.index != 0);  // registered
   const CollectorLock lock(domain);  // the collector would look into the object before it is there
   pscInstance* instance = pscAllocateInstance(domain, &T::sm_class);
   if (instance == nullptr) throw std::bad_alloc();

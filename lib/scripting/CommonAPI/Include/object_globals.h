@@ -1,6 +1,7 @@
 // The services that script objects reach.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
@@ -8,8 +9,8 @@
 #include "lib/platform/singleton.h"
 #include "lib/scripting/filename_mapper.h"
 
-// Created by whoever starts the process, before the first script, and destroyed after the last object
-// is gone. Members may be called from any thread.
+// Created by whoever starts the process, before the first script, and destroyed after the last
+// object is gone. Members may be called from any thread.
 class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
  public:
   KelvoObjectGlobals() = default;
@@ -20,8 +21,13 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
   // object that asks starts it, with all signals blocked, and it ends with the globals.
   PollThread& GetPollThread();
 
+  // Whether scripts place their widgets in zones; off until a script asks for it.
+  bool IsZoneSupportEnabled() const { return m_zone_support; }
+  void EnableZoneSupport(bool enable) { m_zone_support = enable; }
+
  private:
   FilenameMapper m_filename_mapper;
+  std::atomic<bool> m_zone_support{false};
   std::mutex m_mutex;
   std::unique_ptr<PollThread> m_poll_thread;  // guarded by m_mutex; null: somebody else's, or none
 };

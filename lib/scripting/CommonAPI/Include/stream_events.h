@@ -8,8 +8,8 @@
 
 #include "lib/scripting/CommonAPI/Include/interface_mixins.h"
 
-// Events that carry a number: a received byte, the end of a stream (0), and how a connection attempt
-// ended (0, or the error number).
+// Events that carry a number: a received byte, the end of a stream (0), and how a connection
+// attempt ended (0, or the error number).
 template <class T>
 class StreamIntEventInstance
     : public MixinForwarder<T, KelvoObjectInstance<T>, IntValueMixin, UserDataMixin> {

@@ -12,8 +12,8 @@
 #include "lib/scripting/CommonAPI/Include/interface_mixins.h"
 #include "lib/scripting/CommonAPI/Include/stream_events.h"
 
-// The native entries of ifStreamReceiveObserver: bytes that a stream has received, on the thread that
-// received them.
+// The native entries of ifStreamReceiveObserver: bytes that a stream has received, on the thread
+// that received them.
 struct KelvoIfStreamReceiveObserver {
   void (*Receive)(pscInstance*, const uint8_t* bytes, size_t size);
 };
@@ -22,7 +22,8 @@ struct KelvoIfStreamReceiveObserver {
 // fill the memory.
 constexpr size_t kKelvoMaxStreamLine = 65536;
 
-// The interface's methods are the script's; Receive belongs to the one thread that reads the stream.
+// The interface's methods are the script's; Receive belongs to the one thread that reads the
+// stream.
 class StreamReceiveMixin {
  public:
   void SetLineEventPort(pscInstance* port) { m_line_port.SetPort(port); }
@@ -30,16 +31,16 @@ class StreamReceiveMixin {
   void SetByteArrayEventPort(pscInstance* port) { m_byte_array_port.SetPort(port); }
   // A text, or the code of a character. An empty text: no line ever ends.
   void SetReceiveEol(const KelvoTypedValue& eol);
-  // Always true; an object that is no observer of streams leaves the stream without a matcher. Waits
-  // for a block that the old matcher is being fed.
+  // Always true; an object that is no observer of streams leaves the stream without a matcher.
+  // Waits for a block that the old matcher is being fed.
   bool SetMatcher(pscInstance* matcher);
 
   // Posts what was received as the events that the script wants, then feeds the matcher. The sender
   // is the object itself, whose user data the events get.
   template <class Sender>
   void Receive(Sender& sender, std::span<const uint8_t> bytes);
-  // Posts an event about the stream to the first port that is set: byte, byte array, line. False when
-  // none received it.
+  // Posts an event about the stream to the first port that is set: byte, byte array, line. False
+  // when none received it.
   template <class Event, class Sender, class... Params>
   bool PostToFirstPort(Sender& sender, Params&&... params) noexcept;
 

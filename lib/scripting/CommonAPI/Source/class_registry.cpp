@@ -1,11 +1,12 @@
-// The order fixes each class's index, which compiled scripts refer to: a class is only ever added at
-// the place that the catalogue of classes gives it.
+// The order fixes each class's index, which compiled scripts refer to: a class is only ever added
+// at the place that the catalogue of classes gives it.
 #include "lib/scripting/CommonAPI/Include/class_registry.h"
 
 #include "lib/scripting/CommonAPI/Include/stream_events.h"
 
 namespace {
 
+// clang-format off
 constexpr pscClass* kClasses[] = {
     &StreamByteEventInstance::sm_class,
     &StreamLineEventInstance::sm_class,
@@ -13,6 +14,7 @@ constexpr pscClass* kClasses[] = {
     &StreamConnectResultEventInstance::sm_class,
     &StreamByteArrayEventInstance::sm_class,
 };
+// clang-format on
 
 }  // namespace
 

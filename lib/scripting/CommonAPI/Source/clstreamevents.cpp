@@ -1,5 +1,6 @@
 // koStreamByteEvent, koStreamEndEvent, koStreamConnectResultEvent, koStreamLineEvent and
-// koStreamByteArrayEvent. The payload is set when the event is made; from then on it is the script's.
+// koStreamByteArrayEvent. The payload is set when the event is made; from then on it is the
+// script's.
 #include "lib/scripting/CommonAPI/Include/ko_container.h"
 #include "lib/scripting/CommonAPI/Include/stream_events.h"
 

@@ -1,6 +1,6 @@
-// The port holder's lock is held while it posts, so that a port is never let go of under an event; the
-// port itself only queues. Every lock here is taken for a moment, with nothing called under it that
-// could take another one of ours.
+// The port holder's lock is held while it posts, so that a port is never let go of under an event;
+// the port itself only queues. Every lock here is taken for a moment, with nothing called under it
+// that could take another one of ours.
 #include "lib/scripting/CommonAPI/Include/interface_mixins.h"
 
 #include <atomic>

@@ -122,15 +122,14 @@ void KelvoAssocArrayStringValueEnumerator(
   });
 }
 
-void KelvoArrayStringValueEnumerator(pscInstance* instance,
-                                     const std::function<void(const std::string& value)>& callback) {
+void KelvoArrayStringValueEnumerator(
+    pscInstance* instance, const std::function<void(const std::string& value)>& callback) {
   if (instance == nullptr || instance->psc_class->if_array == nullptr) {
     throw std::runtime_error("Object is not an array");
   }
   std::string text;
-  KelvoObjectEnumerator(instance, [&](const KelvoTypedValue& value) {
-    callback(RequireString(value, &text));
-  });
+  KelvoObjectEnumerator(
+      instance, [&](const KelvoTypedValue& value) { callback(RequireString(value, &text)); });
 }
 
 std::map<std::string, std::string> KelvoAssocArrayToStringMap(pscInstance* instance) {

@@ -28,8 +28,8 @@ KelvoObjectRef Require(pscInstance* instance) {
 
 KelvoObjectRef Convert(pscDomain* domain, const Json& json, int depth) {
   if (json.is_structured() && depth == 0) {
-    throw std::runtime_error(fmt::format("JSON is nested deeper than {} levels",
-                                         kKelvoMaxJsonDepth));
+    throw std::runtime_error(
+        fmt::format("JSON is nested deeper than {} levels", kKelvoMaxJsonDepth));
   }
   switch (json.type()) {
     case Json::value_t::null:

@@ -50,8 +50,8 @@ std::string FormatFloating(double value, int precision) {
   if (std::isnan(value)) return std::string(sign) + "nan";
   if (std::isinf(value)) return std::string(sign) + "inf";
   char buffer[40];
-  const auto end = std::to_chars(buffer, buffer + sizeof buffer, value,
-                                 std::chars_format::general, precision);
+  const auto end =
+      std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, precision);
   return {buffer, end.ptr};
 }
 
@@ -115,8 +115,9 @@ std::string KelvoTypedValue::ToString() const {
   }
   std::string bytes;
   if (ReadByteArray(Object(), &bytes)) return bytes;
-  throw std::runtime_error(psIs(m_value, kPsObjectFlag) ? "Object could not be converted to a string"
-                                                        : "Value could not be converted to a string");
+  throw std::runtime_error(psIs(m_value, kPsObjectFlag)
+                               ? "Object could not be converted to a string"
+                               : "Value could not be converted to a string");
 }
 
 KelvoObjectRef KelvoTypedValue::CoerceToObject(pscDomain* domain) const {

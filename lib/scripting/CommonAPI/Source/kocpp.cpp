@@ -1,5 +1,5 @@
-// The parts of the object framework that need no template: references, and what is said about objects
-// that could not be created and methods that failed.
+// The parts of the object framework that need no template: references, and what is said about
+// objects that could not be created and methods that failed.
 #include "lib/scripting/CommonAPI/Include/kocpp.h"
 
 #include <fmt/format.h>
