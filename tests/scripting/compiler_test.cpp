@@ -193,11 +193,12 @@ TEST(CompiledExpression, NamesOfFunctionsMeanTheFunctionWhereverItIsDefined) {
 TEST(CompiledExpression, VariablesAreNumberedInOrder) {
   Compiler compiler;
   const Program program = compiler.compile(
-      "sub main(p)\nprint r1 + r2\na = r3\nb.c = r1\nfor i = 0 to r4\nnext\nend sub");
+      "sub main(p)\nprint r1 + r2\na = r3\nb.c = r1\nfor i = 0 to r4\nnext\n"
+      "print len(r5, r6)\nend sub");
   ASSERT_EQ(program.errors(), "");
   std::string names;
   for (const psVariable& variable : program.main()->variables) names += variable.name + ' ';
-  EXPECT_EQ(names, "p global m a b i r1 r2 r3 r4 ");
+  EXPECT_EQ(names, "p global m a b i r1 r2 r3 r4 len r5 r6 ");
 }
 
 // --- Statements -------------------------------------------------------------------------------
@@ -337,9 +338,10 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"if a then : stop : end if", "pushlocal a; iffalse +2; stop"},
         Row{"if a then\nstop\nelse end : end if", "pushlocal a; iffalse +4; stop; jmpfwd +2; end"},
         Row{"if a then\nstop\nelse if b\nend\nelseif c then\nelse\nreturn\nend if",
-            "pushlocal a; iffalse +4; stop; jmpfwd +18; pushlocal b; iffalse +4; end; jmpfwd +10; pushlocal c; iffalse +3; jmpfwd +3; pushinvalid; return"}));
+            "pushlocal a; iffalse +4; stop; jmpfwd +18; pushlocal b; iffalse +4; end; jmpfwd +10; "
+            "pushlocal c; iffalse +3; jmpfwd +3; pushinvalid; return"}));
 
-// The limit is 255; the labels of a loop are its exit and its body, or its top and its exit.
+// The labels of a FOR are its exit and its body, those of a WHILE its top and its exit.
 INSTANTIATE_TEST_SUITE_P(
     Loops, CompiledStatement,
     testing::Values(
@@ -502,154 +504,32 @@ TEST_P(CompileErrors, HaveTheirCodesAndLines) {
 // Each of these is a syntax error of its one line.
 constexpr const char* kSyntaxErrors[] = {
     // Statements that are none.
-    "x",
-    "x.y",
-    "x[1]",
-    "1 = 2",
-    "let x = 5",
-    "print = 1",
-    "x.y(1) = 2",
-    "pos",
-    "pos.x = 1",
-    "else",
-    "end if",
-    "endif",
-    "next",
-    "end while",
-    "endfor",
-    "end function",
-    "end sub",
-    "elseif x",
-    "to",
-    "each",
-    "exit",
-    "exit if",
-    "exit sub",
-    "sub",
-    "= 1",
-    ")",
-    "x y",
-    "x() y",
-    "x()()y",
-    "print print",
-    "dim",
-    "dim x",
-    "dim x[]",
-    "dim x[1],",
-    "dim x[1",
-    "goto",
-    "goto if",
-    "goto x y", 
-    "x = 1 y = 2",
-    "end x",
-    "stop x",
-    "library",
-    "library x",
-    "library = 1",
-    "' \nx",
+    "x", "x.y", "x[1]", "1 = 2", "let x = 5", "print = 1", "x.y(1) = 2", "pos", "pos.x = 1", "else",
+    "end if", "endif", "next", "end while", "endfor", "end function", "end sub", "elseif x", "to",
+    "each", "exit", "exit if", "exit sub", "sub", "= 1", ")", "x y", "x() y", "x()()y",
+    "print print", "dim", "dim x", "dim x[]", "dim x[1],", "dim x[1", "goto", "goto if", "goto x y",
+    "x = 1 y = 2", "end x", "stop x", "library", "library x", "library = 1", "' \nx",
     // Expressions that stop short.
-    "x =",
-    "x = 1 +",
-    "x = 1 *",
-    "x = 2 ^",
-    "x = -",
-    "x = not",
-    "x = a and",
-    "x = a or",
-    "x = a <",
-    "x = a < > b",
-    "x = a = ",
-    "x = (",
-    "x = (1",
-    "x = ()",
-    "x = f(",
-    "x = f(1",
-    "x = f(1,",
-    "x = f(1,)",
-    "x = f(,1)",
-    "x = f(1 2)",
-    "x = a[",
-    "x = a[1",
-    "x = a[1,]",
-    "x = a[]",
-    "x = a.",
-    "x = a@",
-    "x = a@b.c",
-    "x = a@b@",
-    "x = [",
-    "x = [1",
-    "x = [,]",
-    "x = [1 2]",
-    "x = {",
-    "x = {a",
-    "x = {a 1}",
-    "x = {a:}",
-    "x = {a: 1",
-    "x = {a: 1 b: 2}",
-    "x = {\"a\": 1}",
-    "x = {,}",
-    "x = {1: 2}",
-    "x = sub() : end sub",
-    "x = function",
-    "x = function(",
-    "x = function() x",
+    "x =", "x = 1 +", "x = 1 *", "x = 2 ^", "x = -", "x = not", "x = a and", "x = a or", "x = a <",
+    "x = a < > b", "x = a = ", "x = (", "x = (1", "x = ()", "x = f(", "x = f(1", "x = f(1,",
+    "x = f(1,)", "x = f(,1)", "x = f(1 2)", "x = a[", "x = a[1", "x = a[1,]", "x = a[]", "x = a.",
+    "x = a@", "x = a@b.c", "x = a@b@", "x = [", "x = [1", "x = [,]", "x = [1 2]", "x = {", "x = {a",
+    "x = {a 1}", "x = {a:}", "x = {a: 1", "x = {a: 1 b: 2}", "x = {\"a\": 1}", "x = {,}",
+    "x = {1: 2}", "x = sub() : end sub", "x = function", "x = function(", "x = function() x",
     // Built-in functions are no values.
-    "x = type",
-    "x = pos",
-    "x = run + 1",
-    "x = createobject",
-    "type = 1",
-    "x = objfun",
-    "box",
-    "x = createobject(\"a\"",
-    "x = createobject(\"a\",)",
-    "x = type(1,)",
+    "x = type", "x = pos", "x = run + 1", "x = createobject", "type = 1", "x = objfun", "box",
+    "x = createobject(\"a\"", "x = createobject(\"a\",)", "x = type(1,)",
     // Blocks' heads.
-    "if",
-    "if then",
-    "if x else y = 1",
-    "if x then y = 1 z",
-    "if x then else y = 1",
-    "if x then y = 1 else",
-    "if x then for i = 1 to 2",
-    "if x then rem",
-    "if x then stop : x",
-    "if x then stop : rem",
-    "if x then stop else stop else stop",
-    "while",
-    "while then",
-    "for",
-    "for i",
-    "for i 1 to 2",
-    "for i = 1",
-    "for i = to 2",
-    "for i = 1 to",
-    "for i.x = 1 to 2",
-    "for i = 1 to 2 step",
-    "for i = 1 to 2 x",
-    "for 1 = 1 to 2",
-    "for each",
-    "for each e",
-    "for each e c",
-    "for each e in",
-    "for each e in c d",
-    "for each e.x in c",
-    "while x y",
-    "print tab",
-    "print tab 5",
-    "print tab(5",
-    "print tab()",
-    "print #",
-    "print @",
-    "print #1; 2",
-    "print 1 : 2",
-    "print x = ",
-    "return )",
+    "if", "if then", "if x else y = 1", "if x then y = 1 z", "if x then else y = 1",
+    "if x then y = 1 else", "if x then for i = 1 to 2", "if x then rem", "if x then stop : x",
+    "if x then stop : rem", "if x then stop else stop else stop", "while", "while then", "for",
+    "for i", "for i 1 to 2", "for i = 1", "for i = to 2", "for i = 1 to", "for i.x = 1 to 2",
+    "for i = 1 to 2 step", "for i = 1 to 2 x", "for 1 = 1 to 2", "for each", "for each e",
+    "for each e c", "for each e in", "for each e in c d", "for each e.x in c", "while x y",
+    "print tab", "print tab 5", "print tab(5", "print tab()", "print #", "print @", "print #1; 2",
+    "print 1 : 2", "print x = ", "return )",
     // A named label stands alone, and at the start of its line.
-    "a: b = 1",
-    "x = 1 : a:",
-    "a b:",
-};
+    "a: b = 1", "x = 1 : a:", "a b:"};
 
 class CompileSyntaxErrors : public testing::TestWithParam<const char*> {};
 
@@ -694,7 +574,8 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"f = function()\ngoto out\nend function\nout:", "14(out)"}, Row{"exit for", "165(1)"},
         Row{"while x\nexit for\nend while", "165(2)"},
         Row{"for i = 0 to 1\nf = function()\nexit for\nend function\nnext", "165(3)"},
-        Row{"exit while", "175(1)"}, Row{"for i = 0 to 1\nexitwhile\nnext", "175(2)"},
+        Row{"exit while", "175(1)"}, Row{"while x : end while\nexit while", "175(2)"},
+        Row{"for i = 0 to 1\nexitwhile\nnext", "175(2)"},
         Row{"for i = 0 to 1\nnext\nexit for", "165(3)"}, Row{"return 1", "170(1)"},
         Row{"sub a()\nreturn 1\nend sub", "170(2)"},
         Row{"function a() as void\nreturn 1\nend function", "170(2)"},
@@ -712,6 +593,7 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     OpenBlocks, CompileErrors,
     testing::Values(Row{"x = 1\nfor i = 0 to 1\nx = 1\n\n", "181(3)"}, Row{"while x", "181(2)"},
+                    Row{"while x\nif y then\nend if\nfor i = 0 to 1\nnext\n", "181(2)"},
                     Row{"for each i in x : y = 1", "181(1)"}, Row{"if x then\ny = 1\n", "181(2)"},
                     Row{"if x then\ny = 1\nelse\ny = 2", "181(3)"},
                     Row{"if x then\nelse if x\ny = 2", "181(3)"},
@@ -816,12 +698,14 @@ INSTANTIATE_TEST_SUITE_P(
         Limit{"names set", 65535, [](int n) { return numbered(n, "y.n~ = 0\n"); }, "177(65536)"},
         Limit{"names of keys", 65535, [](int n) { return "x = {" + numbered(n, "n~:0:") + '}'; },
               "177(1)"},
-        Limit{"attributes", 65535,
-              [](int n) { return numbered(n, "x = y@n~\n"); }, "177(65536)"},
+        Limit{"attributes", 65535, [](int n) { return numbered(n, "x = y@n~\n"); }, "177(65536)"},
         Limit{"arguments", 255, [](int n) { return "f(" + repeated(n - 1, "0,") + "0)"; },
               "174(1)"},
         Limit{"indexes", 255, [](int n) { return "x = a[" + repeated(n - 1, "0,") + "0]"; },
               "174(1)"},
+        // One more than the pattern holds, because it is looked at behind each item.
+        Limit{"printed values", 20, [](int n) { return "print a" + repeated(n - 1, "; a"); },
+              "2(1)"},
         Limit{"dimensions", 255, [](int n) { return "dim a[" + repeated(n - 1, "0,") + "0]"; },
               "174(1)"}));
 
@@ -829,8 +713,7 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Labels, CompilerLimits,
     testing::Values(
-        Limit{"for", 127, [](int n) { return repeated(n, "for i = 0 to 1\nnext\n"); },
-              "161(256)"},
+        Limit{"for", 127, [](int n) { return repeated(n, "for i = 0 to 1\nnext\n"); }, "161(256)"},
         Limit{"for each", 127, [](int n) { return repeated(n, "for each i in x : next\n"); },
               "161(128)"},
         Limit{"while", 127, [](int n) { return repeated(n, "while x : end while\n"); }, "177(128)"},
@@ -1055,6 +938,7 @@ class Scribbler {
   void newLine() {
     put(pick(4) == 0 ? " ' note\n" : "\n");
     line_++;
+    if (pick(5) == 0) newLine();
   }
   void name(char kind) { put(kind + std::to_string(line_)); }
   void separator() {
