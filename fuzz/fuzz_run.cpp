@@ -20,11 +20,16 @@ constexpr size_t kOutputLimit = 1 << 20;
 constexpr size_t kMemory = size_t{256} << 20;
 
 std::string output;
+psProc* current = nullptr;
 
 void initOnce() {
   static const bool done = [] {
     pscSetPrintHook([](void*, psText) {}, nullptr);
     psHeapSetLimit(kMemory);
+    // Nobody will ever post a message: a script that waits is interrupted at once.
+    psHostHooks hooks;
+    hooks.beforeBlocking = [] { scriptBreak(current, kPsBreak); };
+    psInstallHooks(hooks);
     scriptInit({});
     return true;
   }();
@@ -41,6 +46,7 @@ std::string run(std::string_view text, bool fused, psStatus* status) {
       if (output.size() < kOutputLimit) output.push_back(static_cast<char>(ch));
     };
     psSetTurnLimit(p, kTurns);
+    current = p;
     scriptRun(p, &io, nullptr);
     *status = p->last_status;
   }
