@@ -224,7 +224,7 @@ INSTANTIATE_TEST_SUITE_P(Sizes, AssocBehaviour,
 // The index grows while entries come and shrinks its chains while they go.
 TEST_F(AssocArray, StaysExactAtManyKeys) {
   const psIfAssociativeArray* methods = clAssociativeArray.if_assoc;
-  constexpr int kKeys = 60'000;
+  constexpr int kKeys = 150'000;
   const auto key = [](int i) { return "key" + std::to_string(i); };
   for (int i = 0; i < kKeys; i++) {
     methods->AddReplace(array.object(), key(i), psIntegerValue(i));

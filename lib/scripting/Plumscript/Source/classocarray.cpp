@@ -2,20 +2,24 @@
 //
 // Every entry hangs in one of sixteen bucket lists, newest first; these lists are what enumeration
 // walks and what scripts can observe. A lookup in a large array goes through the index instead:
-// open addressing with linear probing over all entries, a slot an entry, at most 5/8 full.
+// open addressing with linear probing over all entries, a slot an entry, at most half full.
+//
+// What a lookup in a very large array costs is waiting for memory. So a slot is one word, which
+// tells nearly always whether its entry is worth looking at; an entry with a short key lies in one
+// cache line; and keys that are counted up, as scripts like to make them, share the cache lines of
+// the index (rule 1).
 //
 // Rules of this file:
-//  1. The home of an entry in the index is given by the high bits of its mixed hash. A table twice
-//     the size therefore keeps the order of the homes, and growing reads and writes memory from one
-//     end to the other.
+//  1. The slots come in runs of eight. Keys that are alike but for their last characters, and those
+//     near each other, have different homes in one run or two; which run it is depends on all of
+//     the key and is as good as random.
 //  2. Entries with the same hash are found newest first, in the index as in their bucket: in
 //     case-sensitive mode several keys that differ in case lie side by side, and a lookup that
 //     ignores case takes the newest.
 //  3. enum_entry is null or points at a linked entry, so whatever unlinks an entry advances the
 //     enumeration first.
 //  4. A value that leaves the array is released after the lock has been let go of: releasing the
-//  last
-//     reference of an object runs its destructor, which may want other locks.
+//     last reference of an object runs its destructor, which may want other locks.
 #include <cstddef>
 #include <cstring>
 #include <new>
@@ -30,6 +34,13 @@ namespace {
 constexpr uint32_t kIndexFrom = 32;
 constexpr uint32_t kFirstIndexSize = 128;
 constexpr uint32_t kMaxIndexSize = 1u << 30;
+constexpr uint32_t kRunBits = 3;  // of a place's number within its run, which is a cache line
+
+// The lowest bits of the hash, which entries of the same run do not share. An address takes what is
+// left of a word: the kernel maps no memory above 2^48 unless asked to.
+constexpr int kTagBits = 16;
+constexpr uint64_t kTagMask = (uint64_t{1} << kTagBits) - 1;
+static_assert(sizeof(void*) == sizeof(uint64_t));
 
 psAssocArray* assocOf(pscInstance* self) { return pscData<psAssocArray>(self); }
 
@@ -89,54 +100,121 @@ bool sameKeyIgnoringCase(const char* stored, psText key) {
   return n == 0 || foldCase(loadWord(stored)) == foldCase(loadTail(p, n));
 }
 
-bool matches(const psAssocEntry* entry, psText key, bool case_sensitive) {
+bool isKey(const psAssocEntry* entry, psText key, uint32_t hash, bool case_sensitive) {
+  if (entry->hash != hash || entry->key_length != key.size()) return false;
   return sameKey(entry->key, key) || (!case_sensitive && sameKeyIgnoringCase(entry->key, key));
+}
+
+// --- Walking all entries ----------------------------------------------------------------------
+
+// Calls visit for every entry, which it may free: one of each bucket in turn, the newer entries of
+// a bucket before the older ones. Neighbours in a bucket lie far apart, so following one list at a
+// time would wait for memory at every step; sixteen at a time do not, and meet the entries much as
+// they were made.
+template <class Visit>
+void visitAll(psAssocEntry* const* buckets, Visit visit) {
+  psAssocEntry* at[psAssocArray::kBuckets];
+  std::memcpy(at, buckets, sizeof at);
+  for (bool more = true; more;) {
+    more = false;
+    for (psAssocEntry*& next : at) {
+      psAssocEntry* entry = next;
+      if (entry == nullptr) continue;
+      more = true;
+      next = entry->next;
+      __builtin_prefetch(next);
+      visit(entry);
+    }
+  }
 }
 
 // --- The index --------------------------------------------------------------------------------
 
+// The sum that the hash was made from in its last step: the last character with bit 5 set, plus a
+// number that the characters before it make.
+uint32_t lastSum(uint32_t hash) {
+  constexpr uint32_t kInverse = 1u - (1u << 10) + (1u << 20) - (1u << 30);
+  static_assert(kInverse * kPsKeyHashFactor == 1u);
+  // Undoes v ^ v >> 6.
+  hash ^= hash >> 6;
+  hash ^= hash >> 12;
+  hash ^= hash >> 24;
+  return hash * kInverse;
+}
+
 uint32_t home(const psAssocArray* me, uint32_t hash) {
-  return (hash * 0x9e3779b1u) >> me->index_shift;
+  const uint32_t sum = lastSum(hash);
+  const uint32_t run = ((sum >> kRunBits) * 0x9e3779b1u) >> me->index_shift;
+  return run << kRunBits | (sum & ((1u << kRunBits) - 1));
 }
 uint32_t following(const psAssocArray* me, uint32_t place) { return (place + 1) & me->index_mask; }
 
-psAssocSlot slotOf(psAssocEntry* entry) { return {entry, entry->hash, entry->key_length}; }
+uint64_t tagOf(uint32_t hash) { return hash & kTagMask; }
+uint64_t tagOf(psAssocSlot slot) { return slot.word & kTagMask; }
 
-// Puts a slot behind all others of its home (they are newer).
-void indexOlder(psAssocArray* me, const psAssocSlot& slot) {
-  uint32_t place = home(me, slot.hash);
-  while (me->index[place].entry != nullptr) place = following(me, place);
-  me->index[place] = slot;
+psAssocSlot slotOf(const psAssocEntry* entry) {
+  return {reinterpret_cast<uint64_t>(entry) << kTagBits | tagOf(entry->hash)};
+}
+psAssocEntry* entryOf(psAssocSlot slot) {  // null for a free one
+  return reinterpret_cast<psAssocEntry*>(slot.word >> kTagBits);
+}
+bool isFree(psAssocSlot slot) { return slot.word == 0; }
+
+// Where a probe for a key ends: at its entry, or else at a free place.
+struct Probe {
+  uint32_t place;
+  bool crossed;  // an entry with the same tag was passed on the way
+};
+
+Probe probe(const psAssocArray* me, psText key, uint32_t hash, bool case_sensitive) {
+  const uint64_t tag = tagOf(hash);
+  bool crossed = false;
+  for (uint32_t place = home(me, hash);; place = following(me, place)) {
+    const psAssocSlot slot = me->index[place];
+    if (isFree(slot)) return {place, crossed};
+    if (tagOf(slot) != tag) continue;
+    if (isKey(entryOf(slot), key, hash, case_sensitive)) return {place, crossed};
+    crossed = true;
+  }
 }
 
-// Puts an entry in front of those with the same hash, which move down one place each. The entry may
-// be one of them: then it moves to the front.
+// Puts an entry behind all others of its home (they are newer).
+void indexOlder(psAssocArray* me, const psAssocEntry* entry) {
+  uint32_t place = home(me, entry->hash);
+  while (!isFree(me->index[place])) place = following(me, place);
+  me->index[place] = slotOf(entry);
+}
+
+// Puts an entry in front of those with the same tag, the ones with the same hash among them, which
+// move down one place each. The entry may be one of them: then it moves to the front.
 void indexNewest(psAssocArray* me, psAssocEntry* entry) {
   psAssocSlot carried = slotOf(entry);
   for (uint32_t place = home(me, entry->hash);; place = following(me, place)) {
     psAssocSlot& slot = me->index[place];
-    if (slot.entry == nullptr) {
+    if (isFree(slot)) {
       slot = carried;
       return;
     }
-    if (slot.hash != carried.hash) continue;
+    if (tagOf(slot) != tagOf(carried)) continue;
     std::swap(slot, carried);
-    if (carried.entry == entry) return;
+    if (entryOf(carried) == entry) return;
   }
 }
 
 // Takes an entry out and closes the gap, so that no probe ever meets a hole before its goal.
 void indexRemove(psAssocArray* me, const psAssocEntry* entry) {
+  const uint64_t word = slotOf(entry).word;
   uint32_t hole = home(me, entry->hash);
-  while (me->index[hole].entry != entry) hole = following(me, hole);
-  for (uint32_t place = following(me, hole); me->index[place].entry != nullptr;
+  while (me->index[hole].word != word) hole = following(me, hole);
+  for (uint32_t place = following(me, hole); !isFree(me->index[place]);
        place = following(me, place)) {
-    const uint32_t from_home = (place - home(me, me->index[place].hash)) & me->index_mask;
+    const psAssocSlot slot = me->index[place];
+    const uint32_t from_home = (place - home(me, entryOf(slot)->hash)) & me->index_mask;
     if (from_home < ((place - hole) & me->index_mask)) continue;
-    me->index[hole] = me->index[place];
+    me->index[hole] = slot;
     hole = place;
   }
-  me->index[hole].entry = nullptr;
+  me->index[hole] = {};
 }
 
 size_t indexBytes(const psAssocArray* me) {
@@ -149,31 +227,25 @@ bool newIndex(psAssocArray* me, uint32_t size) {
   if (block == nullptr) return false;
   me->index = static_cast<psAssocSlot*>(block);
   me->index_mask = size - 1;
-  me->index_shift = static_cast<uint32_t>(__builtin_clz(size)) + 1;
+  me->index_shift = static_cast<uint32_t>(__builtin_clz(size)) + 1 + kRunBits;
   return true;
 }
 
+void fillIndex(psAssocArray* me) {
+  visitAll(me->buckets, [me](const psAssocEntry* entry) { indexOlder(me, entry); });
+}
+
 void buildIndex(psAssocArray* me) {
-  if (!newIndex(me, kFirstIndexSize)) return;  // the buckets still lead everywhere
-  for (psAssocEntry* entry : me->buckets) {
-    for (; entry != nullptr; entry = entry->next) indexOlder(me, slotOf(entry));
-  }
+  if (newIndex(me, kFirstIndexSize)) fillIndex(me);  // else the buckets still lead everywhere
 }
 
 bool growIndex(psAssocArray* me) {
-  const psAssocSlot* old = me->index;
-  const uint32_t old_mask = me->index_mask;
+  psAssocSlot* old = me->index;
   const size_t old_bytes = indexBytes(me);
-  if (old_mask + 1 >= kMaxIndexSize || !newIndex(me, (old_mask + 1) * 2)) return false;
-  // Begin behind a hole: entries that were probed past the end of the table come after those that
-  // pushed them there.
-  uint32_t start = 0;
-  while (old[start].entry != nullptr) start++;
-  for (uint32_t i = 1; i <= old_mask; i++) {
-    const psAssocSlot& slot = old[(start + i) & old_mask];
-    if (slot.entry != nullptr) indexOlder(me, slot);
-  }
-  psFreeTable(const_cast<psAssocSlot*>(old), old_bytes);
+  const uint32_t old_size = me->index_mask + 1;
+  if (old_size >= kMaxIndexSize || !newIndex(me, old_size * 2)) return false;
+  psFreeTable(old, old_bytes);
+  fillIndex(me);
   return true;
 }
 
@@ -184,7 +256,7 @@ bool reserveIndex(psAssocArray* me) {
     return true;
   }
   const uint32_t size = me->index_mask + 1;
-  if (me->count < size / 2 + size / 8 || growIndex(me)) return true;
+  if (me->count < size / 2 || growIndex(me)) return true;
   return me->count < size - size / 16;  // memory is short: rather slow than not at all
 }
 
@@ -217,26 +289,6 @@ void advanceEnumeration(psAssocArray* me) {
   __builtin_prefetch(me->enum_entry);
 }
 
-// Calls visit for every entry, which it may free, in an order of no meaning: one of each bucket in
-// turn. Neighbours in a bucket lie far apart, so following one list at a time would wait for memory
-// at every step; sixteen at a time do not, and meet the entries much as they were made.
-template <class Visit>
-void visitAll(psAssocEntry* const* buckets, Visit visit) {
-  psAssocEntry* at[psAssocArray::kBuckets];
-  std::memcpy(at, buckets, sizeof at);
-  for (bool more = true; more;) {
-    more = false;
-    for (psAssocEntry*& next : at) {
-      psAssocEntry* entry = next;
-      if (entry == nullptr) continue;
-      more = true;
-      next = entry->next;
-      __builtin_prefetch(next);
-      visit(entry);
-    }
-  }
-}
-
 psAssocEntry* newEntry(psText key, uint32_t hash, const psTypedValue& value) {
   if (key.size() > kPsMaxTextLength) return nullptr;
   const size_t size = entrySize(key.size());
@@ -255,7 +307,15 @@ void freeEntry(psAssocEntry* entry) { psFree(entry, entrySize(entry->key_length)
 // Returns what has to be released: the value of the entry replaced, the value itself when memory is
 // refused, or else an unset value.
 psTypedValue addReplace(psAssocArray* me, psText key, uint32_t hash, const psTypedValue& value) {
-  if (psAssocEntry* entry = psAssocFind(me, key, hash, me->case_sensitive)) {
+  Probe at = {};
+  psAssocEntry* entry;
+  if (me->index != nullptr) {
+    at = probe(me, key, hash, me->case_sensitive);
+    entry = entryOf(me->index[at.place]);
+  } else {
+    entry = psAssocFind(me, key, hash, me->case_sensitive);
+  }
+  if (entry != nullptr) {
     // Seen from outside, the entry is deleted and a new one comes in at the head of the bucket;
     // keys that match have the same length, so the new one fits where the old one lies.
     if (me->enum_entry == entry) advanceEnumeration(me);
@@ -263,20 +323,27 @@ psTypedValue addReplace(psAssocArray* me, psText key, uint32_t hash, const psTyp
     if (entry->prev != nullptr) {
       unlink(me, entry);
       linkNewest(me, entry);
-      if (me->index != nullptr && me->case_sensitive) indexNewest(me, entry);
+      if (at.crossed) indexNewest(me, entry);
     }
     const psTypedValue old = entry->value;
     psCopyRaw(&entry->value, value);
     return old;
   }
-  psAssocEntry* entry = newEntry(key, hash, value);
+  entry = newEntry(key, hash, value);
   if (entry == nullptr) return value;
+  const psAssocSlot* probed = me->index;
   if (!reserveIndex(me)) {
     freeEntry(entry);
     return value;
   }
   linkNewest(me, entry);
-  if (me->index != nullptr) indexNewest(me, entry);
+  if (me->index != nullptr) {
+    if (me->index == probed && !at.crossed) {
+      me->index[at.place] = slotOf(entry);
+    } else {
+      indexNewest(me, entry);
+    }
+  }
   me->count++;
   return psUninitializedValue();
 }
@@ -529,21 +596,11 @@ psAssocEntry* psAssocFind(psAssocArray* array, psText key, uint32_t hash, bool c
   if (array->index == nullptr) {
     psAssocEntry* entry = array->buckets[psKeyBucket(hash)];
     for (; entry != nullptr; entry = entry->next) {
-      if (entry->hash == hash && entry->key_length == key.size() &&
-          matches(entry, key, case_sensitive)) {
-        return entry;
-      }
+      if (isKey(entry, key, hash, case_sensitive)) return entry;
     }
     return nullptr;
   }
-  for (uint32_t place = home(array, hash);; place = following(array, place)) {
-    const psAssocSlot& slot = array->index[place];
-    if (slot.entry == nullptr) return nullptr;
-    if (slot.hash == hash && slot.key_length == key.size() &&
-        matches(slot.entry, key, case_sensitive)) {
-      return slot.entry;
-    }
-  }
+  return entryOf(array->index[probe(array, key, hash, case_sensitive).place]);
 }
 
 void psAssocAddReplace(psAssocArray* array, psText key, uint32_t hash, psTypedValue value) {

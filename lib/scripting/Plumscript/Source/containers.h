@@ -77,12 +77,10 @@ struct psAssocEntry {
   char key[];  // NUL-terminated, as it was given; zero bytes up to a multiple of 8
 };
 
-// A place in the index. Hash and length stand beside the pointer, so that a place that does not
-// match costs no second cache miss.
+// A place in the index: the address of an entry above 16 bits of its hash, so that a place that
+// does not match costs no second cache miss.
 struct psAssocSlot {
-  psAssocEntry* entry;  // null: free
-  uint32_t hash;
-  uint32_t key_length;
+  uint64_t word;  // 0: free
 };
 
 struct psAssocArray {
@@ -90,7 +88,7 @@ struct psAssocArray {
   psAssocEntry* buckets[kBuckets];
   psAssocSlot* index;    // null while the array is small
   uint32_t index_mask;   // places - 1; a power of two of them
-  uint32_t index_shift;  // 32 - log2(places)
+  uint32_t index_shift;  // 32 - log2(runs of places)
   uint32_t count;
   int32_t enum_bucket;
   psAssocEntry* enum_entry;  // the entry Next gives; null at the end
@@ -99,11 +97,12 @@ struct psAssocArray {
 };
 
 // The case-folding hash of a key; the bucket is derived from it.
+constexpr uint32_t kPsKeyHashFactor = 1025;
 constexpr uint32_t psKeyHash(psText key) {
   uint32_t h = 0;
   for (char c : key) {
     uint32_t v = (static_cast<unsigned char>(c) | 0x20u) + h;
-    v *= 1025u;
+    v *= kPsKeyHashFactor;
     h = v ^ (v >> 6);
   }
   return h;

@@ -1,14 +1,16 @@
 // Size-classed free lists over slabs, one cache a thread.
 //
 // A class is a multiple of 16 bytes. A thread takes blocks from its own list; when it is empty it
-// takes a batch that other threads gave back, or carves a new slab. A thread that frees more than it
-// allocates (it consumes what another one makes) gives batches back, so memory does not pile up on
-// one side. Slabs are never returned to the C library: their blocks are scattered over all lists.
+// takes a batch that other threads gave back, or carves a new slab. A thread that frees more than
+// it allocates (it consumes what another one makes) gives batches back, so memory does not pile up
+// on one side. Slabs are never returned to the C library: their blocks are scattered over all
+// lists.
 //
 // A large heap is read at random, and with pages of 4 KiB nearly every such read misses the address
-// translation, which costs as much as missing the cache. Once a heap is large its slabs are therefore
-// cut from 2 MiB regions that the kernel backs with a huge page each; large tables are such regions
-// by themselves. A small heap stays on ordinary pages, so that it takes up what it uses.
+// translation, which costs as much as missing the cache. Once a heap is large its slabs are
+// therefore cut from 2 MiB regions that the kernel backs with a huge page each; large tables are
+// such regions by themselves. A small heap stays on ordinary pages, so that it takes up what it
+// uses.
 //
 // Under the sanitizers every block is the C library's own, so that a stray access is seen.
 #include "ps_heap.h"
@@ -170,8 +172,10 @@ char* newSlab() {
     if (pool().region == nullptr) return nullptr;
     pool().region_left = kHugePage;
   }
+  char* slab = pool().region;
+  pool().region += kSlabBytes;
   pool().region_left -= kSlabBytes;
-  return pool().region + pool().region_left;
+  return slab;
 }
 
 bool carveSlab(size_t cl) {

@@ -1,9 +1,9 @@
 // Memory for script objects.
 //
 // Small blocks (up to kPsSmallLimit bytes) come from size-classed free lists, one set a thread, so
-// that creating and dropping the short-lived boxes of an expression costs a few instructions. Larger
-// blocks go to the C library. Everything counts against one process-wide limit, so a script that
-// asks for the world is refused (status 12 or 26) long before the machine is short of memory.
+// that creating and dropping the short-lived boxes of an expression costs a few instructions.
+// Larger blocks go to the C library. Everything counts against one process-wide limit, so a script
+// that asks for the world is refused (status 12 or 26) long before the machine is short of memory.
 //
 // Sizes are passed back on free: blocks carry no header. All functions may be called from any
 // thread; a block may be freed on another thread than the one that made it.
