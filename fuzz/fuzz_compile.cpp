@@ -1,4 +1,5 @@
-// Compiles arbitrary bytes: every text gives a module or errors, and a module lists and disassembles.
+// Compiles arbitrary bytes: every text gives a module or errors, and a module lists and
+// disassembles.
 #include <cstdint>
 #include <string>
 

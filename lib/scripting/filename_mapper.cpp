@@ -171,14 +171,10 @@ FilenameMapper::Result FilenameMapper::MapName(std::string_view name,
 std::string FilenameMapper::Map(std::string_view name) const {
   std::string path;
   switch (MapName(name, &path)) {
-    case Result::kMapped:
-      break;
-    case Result::kBadDrive:
-      throw BadDriveException();
-    case Result::kNotFileScheme:
-      throw NotFileSchemeException();
-    case Result::kBadName:
-      throw BadNameException();
+    case Result::kMapped: break;
+    case Result::kBadDrive: throw BadDriveException();
+    case Result::kNotFileScheme: throw NotFileSchemeException();
+    case Result::kBadName: throw BadNameException();
   }
   return path;
 }

@@ -144,18 +144,12 @@ class Core {
 
   psTypedValue value(const Arg& arg) {
     switch (arg.kind) {
-      case Arg::kInteger:
-        return psIntegerValue(static_cast<int64_t>(arg.number));
-      case Arg::kFloat:
-        return psFloatValue(static_cast<float>(arg.number));
-      case Arg::kDouble:
-        return psObjectValue(psNewDouble(domain_, arg.number));
-      case Arg::kBoolean:
-        return psBooleanValue(arg.number != 0);
-      case Arg::kText:
-        return psStringConstantValue(texts_.emplace_back(arg.text));
-      case Arg::kInvalid:
-        break;
+      case Arg::kInteger: return psIntegerValue(static_cast<int64_t>(arg.number));
+      case Arg::kFloat: return psFloatValue(static_cast<float>(arg.number));
+      case Arg::kDouble: return psObjectValue(psNewDouble(domain_, arg.number));
+      case Arg::kBoolean: return psBooleanValue(arg.number != 0);
+      case Arg::kText: return psStringConstantValue(texts_.emplace_back(arg.text));
+      case Arg::kInvalid: break;
     }
     return psInvalidValue();
   }

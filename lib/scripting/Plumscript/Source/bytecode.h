@@ -87,26 +87,26 @@ constexpr int kOpCount = kOpLast - kOpFirst + 1;
 // How an instruction's operand bytes read.
 enum class psOperands : uint8_t {
   kNone,
-  kString8,       // b1: string constant
-  kString16,      // LE
-  kInt8,          // b1: integer constant
-  kInt16,         // LE
-  kFloat8,        // b1: float constant
-  kDouble8,       // b1: double constant
-  kFunction16,    // BE function index
-  kGlobalCall,    // b1: argument count; b2: index into ifGlobal
-  kCount,         // b1: a count
-  kPrint,         // b1: item count; pattern bytes up to 'E'
-  kLabel,         // b1: label
-  kClassIndex,    // b1: class index
-  kRelative,      // b1: distance
-  kType,          // b1: psTypeEnum
-  kLocal,         // b1: slot; b2: 0
-  kLocalType,     // b1: slot; b2: psTypeEnum
-  kName8,         // b1: name
-  kName16,        // LE
-  kLocalLabel,    // b1: slot; b2: label
-  kCountLocal,    // b1: dimension count; b2: slot
+  kString8,     // b1: string constant
+  kString16,    // LE
+  kInt8,        // b1: integer constant
+  kInt16,       // LE
+  kFloat8,      // b1: float constant
+  kDouble8,     // b1: double constant
+  kFunction16,  // BE function index
+  kGlobalCall,  // b1: argument count; b2: index into ifGlobal
+  kCount,       // b1: a count
+  kPrint,       // b1: item count; pattern bytes up to 'E'
+  kLabel,       // b1: label
+  kClassIndex,  // b1: class index
+  kRelative,    // b1: distance
+  kType,        // b1: psTypeEnum
+  kLocal,       // b1: slot; b2: 0
+  kLocalType,   // b1: slot; b2: psTypeEnum
+  kName8,       // b1: name
+  kName16,      // LE
+  kLocalLabel,  // b1: slot; b2: label
+  kCountLocal,  // b1: dimension count; b2: slot
 };
 
 struct psOpcodeRow {
@@ -121,6 +121,6 @@ inline const psOpcodeRow* psOpcodeInfo(uint8_t byte) {
   return byte >= kOpFirst && byte <= kOpLast ? &kPsOpcodes[byte - kOpFirst] : nullptr;
 }
 
-// Length in bytes of the instruction at code[pc], given code bytes up to size; 0 when the byte is no
-// opcode or the instruction does not fit.
+// Length in bytes of the instruction at code[pc], given code bytes up to size; 0 when the byte is
+// no opcode or the instruction does not fit.
 int psInstructionLength(const uint8_t* code, uint32_t size, uint32_t pc);

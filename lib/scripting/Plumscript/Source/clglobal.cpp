@@ -272,20 +272,13 @@ psInterfaceRef getInterface(pscDomain*, pscInstance* object, psText name) {
 // The class that a value has, or would have as an object; null for kinds without one.
 const pscClass* classOf(const psTypedValue& v) {
   switch (v.type_flags & ~(kPsBoxedFlag | kPsStringFlavourFlag)) {
-    case kPsBooleanFlag:
-      return &clBoolean;
-    case kPsIntegerFlag:
-      return &clInt;
-    case kPsFloatFlag:
-      return &clFloat;
-    case kPsStringConstantFlag:
-      return &clString;
-    case kPsFunctionFlag:
-      return &clFunction;
-    case kPsObjectFlag:
-      return v.value.psc != nullptr ? v.value.psc->psc_class : nullptr;
-    default:
-      return nullptr;
+    case kPsBooleanFlag: return &clBoolean;
+    case kPsIntegerFlag: return &clInt;
+    case kPsFloatFlag: return &clFloat;
+    case kPsStringConstantFlag: return &clString;
+    case kPsFunctionFlag: return &clFunction;
+    case kPsObjectFlag: return v.value.psc != nullptr ? v.value.psc->psc_class : nullptr;
+    default: return nullptr;
   }
 }
 

@@ -1,5 +1,5 @@
-// The global functions: the static functions of ifGlobal, the one interface of koGlobal. A call_global
-// instruction names its function by the position in this table.
+// The global functions: the static functions of ifGlobal, the one interface of koGlobal. A
+// call_global instruction names its function by the position in this table.
 #pragma once
 
 #include "psc.h"

@@ -221,24 +221,12 @@ bool JsonParser::parseEscapedString(const char* start, Piece* piece) {
     switch (escape) {
       case '"':
       case '\\':
-      case '/':
-        *out++ = escape;
-        break;
-      case 'b':
-        *out++ = '\b';
-        break;
-      case 'f':
-        *out++ = '\f';
-        break;
-      case 'n':
-        *out++ = '\n';
-        break;
-      case 'r':
-        *out++ = '\r';
-        break;
-      case 't':
-        *out++ = '\t';
-        break;
+      case '/': *out++ = escape; break;
+      case 'b': *out++ = '\b'; break;
+      case 'f': *out++ = '\f'; break;
+      case 'n': *out++ = '\n'; break;
+      case 'r': *out++ = '\r'; break;
+      case 't': *out++ = '\t'; break;
       case 'u': {
         unsigned code = 0;
         for (int i = 0; i < 4; ++i, ++p) {
@@ -262,9 +250,7 @@ bool JsonParser::parseEscapedString(const char* start, Piece* piece) {
         }
         break;
       }
-      default:
-        report("ParseJSON", "Unknown escape sequence %c", escape);
-        return false;
+      default: report("ParseJSON", "Unknown escape sequence %c", escape); return false;
     }
     scratch_.grow(static_cast<size_t>(out - scratch_.at(scratch_.size())));
   }
@@ -648,27 +634,14 @@ bool JsonWriter::putString(psText text) {
     const uint32_t code = byte < 0x80 ? byte : decodeCharacter(p, end, &taken);
     char letter = 0;
     switch (code) {
-      case '\b':
-        letter = 'b';
-        break;
-      case '\t':
-        letter = 't';
-        break;
-      case '\n':
-        letter = 'n';
-        break;
-      case '\f':
-        letter = 'f';
-        break;
-      case '\r':
-        letter = 'r';
-        break;
+      case '\b': letter = 'b'; break;
+      case '\t': letter = 't'; break;
+      case '\n': letter = 'n'; break;
+      case '\f': letter = 'f'; break;
+      case '\r': letter = 'r'; break;
       case '"':
-      case '\\':
-        letter = static_cast<char>(code);
-        break;
-      default:
-        break;
+      case '\\': letter = static_cast<char>(code); break;
+      default: break;
     }
     if (letter != 0) {
       *out++ = '\\';
@@ -783,19 +756,12 @@ pscInstance* JsonWriter::finish(pscDomain* domain) {
 
 pscInstance* boxed(pscDomain* domain, const psTypedValue& value) {
   switch (value.type_flags & ~kPsStringFlavourFlag) {
-    case kPsObjectFlag:
-      return value.value.psc;
-    case kPsInvalidFlag:
-      return pscNewComponentByClass(domain, &clInvalid);
-    case kPsBooleanFlag:
-      return psNewBoolean(domain, value.value.i != 0);
-    case kPsIntegerFlag:
-      return psNewInt(domain, static_cast<int32_t>(value.value.i));
-    case kPsFloatFlag:
-      return psNewFloat(domain, value.value.f);
-    default:
-      report("ParseJSON", "Unsupported return value");
-      return nullptr;
+    case kPsObjectFlag: return value.value.psc;
+    case kPsInvalidFlag: return pscNewComponentByClass(domain, &clInvalid);
+    case kPsBooleanFlag: return psNewBoolean(domain, value.value.i != 0);
+    case kPsIntegerFlag: return psNewInt(domain, static_cast<int32_t>(value.value.i));
+    case kPsFloatFlag: return psNewFloat(domain, value.value.f);
+    default: report("ParseJSON", "Unsupported return value"); return nullptr;
   }
 }
 

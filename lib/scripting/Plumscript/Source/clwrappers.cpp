@@ -280,18 +280,12 @@ int32_t stringLen(pscInstance* self) { return static_cast<int32_t>(stringData(se
 
 constexpr psText entityOf(char c) {
   switch (c) {
-    case '"':
-      return "&quot;";
-    case '&':
-      return "&amp;";
-    case '\'':
-      return "&apos;";
-    case '<':
-      return "&lt;";
-    case '>':
-      return "&gt;";
-    default:
-      return {};
+    case '"': return "&quot;";
+    case '&': return "&amp;";
+    case '\'': return "&apos;";
+    case '<': return "&lt;";
+    case '>': return "&gt;";
+    default: return {};
   }
 }
 

@@ -15,8 +15,8 @@ pscInstance* psNewBoolean(pscDomain* domain, bool value);
 pscInstance* psNewString(pscDomain* domain, psText text);
 // The texts one after the other.
 pscInstance* psNewStringConcat(pscDomain* domain, psText a, psText b);
-// A koString of n bytes whose contents the caller writes through psStringBuffer (the terminating NUL
-// is there already).
+// A koString of n bytes whose contents the caller writes through psStringBuffer (the terminating
+// NUL is there already).
 pscInstance* psNewStringOfLength(pscDomain* domain, size_t n);
 
 struct psStringData {
@@ -47,7 +47,7 @@ inline bool psIsStringBox(const psTypedValue& v) {
   return psIs(v, kPsObjectFlag) && v.value.psc->psc_class == &clString;
 }
 
-// Fills a caller's class and interface records so that the class has the given name and behaves as a
-// koInt; native code makes integer-valued event classes with it. The records live as long as the
+// Fills a caller's class and interface records so that the class has the given name and behaves as
+// a koInt; native code makes integer-valued event classes with it. The records live as long as the
 // class.
 void pscCreateClassNamedInt(const char* name, psInterface* iface, pscClass* clInt);

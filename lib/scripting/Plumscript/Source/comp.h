@@ -1,8 +1,8 @@
 // The compiler's entry points.
 //
 // There is no token stream and no syntax tree: scanners read the text where the parser stands, and
-// the parser emits bytecode as it goes. A compilation collects up to five errors, each with its line,
-// and gives either a linked module or the errors.
+// the parser emits bytecode as it goes. A compilation collects up to five errors, each with its
+// line, and gives either a linked module or the errors.
 //
 // Every text, of any bytes, either compiles or gives errors: recursive constructs are bounded
 // (kPsMaxNesting), and so are libraries that name libraries (kPsMaxLibraryDepth).
@@ -24,7 +24,7 @@ constexpr int kPsMaxCompileErrors = 5;
 
 struct psCompileError {
   uint32_t code = 0;
-  int32_t line = 0;   // 0: not known
+  int32_t line = 0;  // 0: not known
   std::string file;
   std::string label;  // code 14 only: at most 15 characters
 };
@@ -46,22 +46,22 @@ psCompileErrors compileText(std::string_view text, psModule** module, std::strin
                             pscDomain* domain, psProc* process);
 
 // Compiling several texts into one module: a parser on a new module (null when memory is refused,
-// which compInto reports), compInto for each text, then compFinish, which hands the module over (null
-// when there were errors). After errors from compInto nothing but compFree may follow.
+// which compInto reports), compInto for each text, then compFinish, which hands the module over
+// (null when there were errors). After errors from compInto nothing but compFree may follow.
 psParser* compNew(pscDomain* domain, psProc* process);
 psCompileErrors compInto(psParser* parser, std::string_view text, std::string_view file_name);
 psCompileErrors compFinish(psParser* parser, psModule** module);
 void compFree(psParser* parser);
 
-// Appends statements to a function that may be running. On success *start is where the appended code
-// begins; it ends with `end`. On errors the module is unchanged.
+// Appends statements to a function that may be running. On success *start is where the appended
+// code begins; it ends with `end`. On errors the module is unchanged.
 psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction* function,
                             uint32_t* start, pscDomain* domain);
 
-// Takes back what a LiveCompile appended, once it has run: a function has room for so many labels and
-// so much code, and a session of any number of statements in one of them must not use it up. The
-// mark is taken before the LiveCompile; the function's frame must be the innermost and stands before
-// the appended code. Variables, constants and anonymous functions stay.
+// Takes back what a LiveCompile appended, once it has run: a function has room for so many labels
+// and so much code, and a session of any number of statements in one of them must not use it up.
+// The mark is taken before the LiveCompile; the function's frame must be the innermost and stands
+// before the appended code. Variables, constants and anonymous functions stay.
 struct psLiveMark {
   size_t code;
   size_t labels;

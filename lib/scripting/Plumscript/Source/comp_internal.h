@@ -6,8 +6,8 @@
 //
 // Rules of these files:
 // 1. A construct is chosen by looking, not by trying: text is compiled once, so compiling is
-// linear.
-//    Only a statement that fails goes back to where it began, which every error does at most once.
+//    linear. Only a statement that fails goes back to where it began, which every error does at
+//    most once.
 // 2. Whatever recurses into itself enters a psNesting; nothing recurses deeper than kPsMaxNesting.
 // 3. Code moves only behind positions that somebody still holds (placeholders, chains). Pending
 //    references and line records move with it.

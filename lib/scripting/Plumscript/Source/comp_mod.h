@@ -1,8 +1,9 @@
 // Modules: what a compilation produces and the virtual machine runs.
 //
 // While a text is compiled the lists grow; modLink then builds the flat arrays that instructions
-// index. Live compilation unlinks, extends and links again; element addresses of functions, texts and
-// line records never change while the module lives, so values and decoded code may point at them.
+// index. Live compilation unlinks, extends and links again; element addresses of functions, texts
+// and line records never change while the module lives, so values and decoded code may point at
+// them.
 #pragma once
 
 #include <cstdint>
@@ -35,8 +36,8 @@ struct psFunction {
   std::string name;  // lower case
   int index = 0;     // in the module's function table
   std::vector<uint8_t> code;
-  std::vector<uint32_t> proto;         // declared types of the parameters, then of the result
-  std::vector<uint16_t> callvarinits;  // entry points by number of arguments; 0xFFFF: too few
+  std::vector<uint32_t> proto;           // declared types of the parameters, then of the result
+  std::vector<uint16_t> callvarinits;    // entry points by number of arguments; 0xFFFF: too few
   std::vector<int32_t> label_positions;  // flat, by label index; built by modLink
   std::vector<psVariable> variables;     // slots: parameters, global, m, the others
   uint32_t variable_count = 0;           // filled by modLink
@@ -70,8 +71,8 @@ struct psName {
   std::string text;  // lower case
   uint32_t hash;     // psKeyHash of the text
   uint8_t bucket;    // its associative-array bucket
-  // The first eight characters as associative arrays keep them (zero bytes behind the last one): for
-  // most names one comparison of words decides.
+  // The first eight characters as associative arrays keep them (zero bytes behind the last one):
+  // for most names one comparison of words decides.
   uint64_t first8;
   psNameCache cache = {};  // of the virtual machine's member lookup
 };

@@ -1,7 +1,7 @@
 // Script values: readings, conversions and printable text.
 //
-// What a kind of value can be read as depends on its storage bit or, for an Object, on the interfaces
-// its class has; the class record keeps those, so no reading looks a name up.
+// What a kind of value can be read as depends on its storage bit or, for an Object, on the
+// interfaces its class has; the class record keeps those, so no reading looks a name up.
 #include <cmath>
 #include <cstdio>
 
@@ -12,9 +12,9 @@
 namespace {
 
 constexpr const char* kInternalNames[kPsTypeCount] = {
-    "",          "Integer", "Float",          "Boolean", "Component", "Interface",
-    "Function",  "Invalid", "StringConstant", "ThisSub", "VoidPtr",   "ComponentMemberFunction",
-    "Void",      "Dynamic", "koString",       "koDouble"};
+    "",         "Integer", "Float",          "Boolean", "Component", "Interface",
+    "Function", "Invalid", "StringConstant", "ThisSub", "VoidPtr",   "ComponentMemberFunction",
+    "Void",     "Dynamic", "koString",       "koDouble"};
 
 constexpr const char* kDeclarationNames[kPsTypeCount] = {
     "UNKNOWN",  "Integer", "Float",          "Boolean", "Object",  "Interface",
@@ -259,8 +259,7 @@ psStatus ConvertToType(pscDomain* domain, psTypedValue* v, psTypeEnum type) {
     }
     case psComponent:
       return psIs(*v, kPsObjectFlag) ? psStatus{kPsOkay} : ConvertIntrinsicToObject(domain, v);
-    case psInterfaceType:
-      return psIs(*v, kPsInterfaceFlag) ? kPsOkay : kPsTypeMismatch;
+    case psInterfaceType: return psIs(*v, kPsInterfaceFlag) ? kPsOkay : kPsTypeMismatch;
     case psFunctionType: {
       if (psIs(*v, kPsFunctionFlag)) return kPsOkay;
       if (cl == nullptr) return failure(v);
@@ -276,14 +275,10 @@ psStatus ConvertToType(pscDomain* domain, psTypedValue* v, psTypeEnum type) {
       if (cl != &clInvalid) return failure(v);
       replace(v, psInvalidValue());
       return kPsOkay;
-    case psDynamic:
-      return kPsOkay;
-    case psString:
-      return IsStringValue(v) ? psStatus{kPsOkay} : failure(v);
-    case psDouble:
-      return IsNumeric(v) ? psStatus{kPsOkay} : failure(v);
-    default:
-      return failure(v);
+    case psDynamic: return kPsOkay;
+    case psString: return IsStringValue(v) ? psStatus{kPsOkay} : failure(v);
+    case psDouble: return IsNumeric(v) ? psStatus{kPsOkay} : failure(v);
+    default: return failure(v);
   }
 }
 

@@ -9,7 +9,8 @@
 struct psHashTable;
 
 // The hash every table uses; the folding form does not see the case of ASCII letters. hashStart,
-// hashStep for each byte and hashEnd give the same value to a scanner that goes over the text anyway.
+// hashStep for each byte and hashEnd give the same value to a scanner that goes over the text
+// anyway.
 constexpr uint32_t hashStep(uint32_t h, unsigned char c) {
   h = (h + c) * 1025u;
   return h ^ (h >> 6);

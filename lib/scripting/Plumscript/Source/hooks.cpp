@@ -30,8 +30,7 @@ psHostHooks withRefusals(const psHostHooks& given) {
   if (!h.restartScript) h.restartScript = [] {};
   if (!h.restartApplication) h.restartApplication = [] {};
   if (!h.enableZoneSupport) h.enableZoneSupport = [](bool) {};
-  if (!h.decipherSource)
-    h.decipherSource = [](const std::string&, std::string*) { return false; };
+  if (!h.decipherSource) h.decipherSource = [](const std::string&, std::string*) { return false; };
   return h;
 }
 

@@ -1,8 +1,8 @@
 // How the core reaches the platform: files, drives, sleep, reboot and the script host.
 //
-// The host fills one table and installs it before the first script runs; the core never opens a file
-// or asks for a reboot in any other way, so that it runs alone in tests and tools. All paths are the
-// script's own names until mapFilename has turned them into native ones.
+// The host fills one table and installs it before the first script runs; the core never opens a
+// file or asks for a reboot in any other way, so that it runs alone in tests and tools. All paths
+// are the script's own names until mapFilename has turned them into native ones.
 //
 // The hooks are called on the script's thread and must not throw.
 #pragma once

@@ -8,8 +8,8 @@
 //
 // The descriptor's parameter and result types, and the thunk that unpacks arguments and packs the
 // result, follow from the C++ signature; a table is therefore the list of functions and cannot
-// disagree with them. The first parameter is the receiver: a pscInstance* makes a member function, a
-// pscDomain* a static one.
+// disagree with them. The first parameter is the receiver: a pscInstance* makes a member function,
+// a pscDomain* a static one.
 #pragma once
 
 #include <tuple>

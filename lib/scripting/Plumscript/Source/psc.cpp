@@ -13,8 +13,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "psc_internal.h"
 #include "ps_heap.h"
+#include "psc_internal.h"
 
 psRecursiveLock psc_ref_and_list_lock;
 std::atomic<bool> psc_changed{false};
@@ -140,9 +140,9 @@ void pscInitBuiltInCoreComponents() {
   ClassRegistry& r = registry();
   psAssert(!r.initialised);
   r.initialised = true;
-  for (pscClass* cl : {&clArray, &clByteArray, &clList, &clAssociativeArray, &clInt, &clString,
-                       &clFloat, &clDouble, &clIntrinsicDouble, &clFunction, &clBoolean,
-                       &clInvalid, &clMessagePort}) {
+  for (pscClass* cl :
+       {&clArray, &clByteArray, &clList, &clAssociativeArray, &clInt, &clString, &clFloat,
+        &clDouble, &clIntrinsicDouble, &clFunction, &clBoolean, &clInvalid, &clMessagePort}) {
     pscRegisterClass(cl);
   }
   pscReserveClassIndex();  // koXMLElement
@@ -456,13 +456,13 @@ psStatus convertArgument(pscDomain* domain, psTypedValue* arg, psTypeEnum type) 
       }
       break;
     case psDynamic:
-      arg->type_flags = static_cast<uint16_t>((arg->type_flags & ~kPsStringFlavourFlag) | kPsBoxedFlag);
+      arg->type_flags =
+          static_cast<uint16_t>((arg->type_flags & ~kPsStringFlavourFlag) | kPsBoxedFlag);
       return kPsOkay;
     case psComponent:
       if (psIs(*arg, kPsObjectFlag)) return kPsOkay;
       break;
-    default:
-      break;
+    default: break;
   }
   return ConvertToType(domain, arg, type);
 }

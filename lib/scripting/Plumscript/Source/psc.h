@@ -7,12 +7,12 @@
 //
 // Counting. Counts change from several threads. A count is an atomic word; while the process has
 // only one thread it is changed with plain loads and stores. Whoever takes a count to zero unlinks
-// the instance and destroys it, on that thread, exactly once. A count that has reached zero is never
-// raised again (the collector skips such instances).
+// the instance and destroys it, on that thread, exactly once. A count that has reached zero is
+// never raised again (the collector skips such instances).
 //
-// The collector. psc_ref_and_list_lock guards the domain's instance list; the "changed" flag, raised
-// by every count and list change of a process with several threads, lets the collector start over
-// when another thread moved while it had the lock released. Class hooks are never called with
+// The collector. psc_ref_and_list_lock guards the domain's instance list; the "changed" flag,
+// raised by every count and list change of a process with several threads, lets the collector start
+// over when another thread moved while it had the lock released. Class hooks are never called with
 // psc_ref_and_list_lock held.
 #pragma once
 
@@ -63,8 +63,9 @@ constexpr uint16_t kPsStaticFunction = 1;  // fundes::meta bit 0
 
 // The implementation behind a descriptor. target is the instance, or the domain for a static
 // function. The arguments are already converted to the declared types; the thunk reads them, takes
-// over Dynamic ones (clearing their word), and fills the result with its final type. Variadic thunks get the
-// arguments as they are and take all of them over. Returns 255, or 12 or 26 when memory ran out.
+// over Dynamic ones (clearing their word), and fills the result with its final type. Variadic
+// thunks get the arguments as they are and take all of them over. Returns 255, or 12 or 26 when
+// memory ran out.
 using psThunk = psStatus (*)(void* target, psTypedValue* args, int argc, psTypedValue* result);
 
 // One script-callable function; tables end with a record whose name is null.
@@ -105,7 +106,7 @@ struct psIfFunction {
   void (*SetSub)(pscInstance*, int32_t);
 };
 struct psIfString {
-  psText (*GetText)(pscInstance*);            // NUL-terminated, valid until the text changes
+  psText (*GetText)(pscInstance*);             // NUL-terminated, valid until the text changes
   bool (*SetText)(pscInstance*, psText text);  // false when memory ran out
 };
 struct psIfEnum {
@@ -367,9 +368,9 @@ pscMemberFunction pscFindInterfaceFunction(const psInterface* iface, const char*
 
 // --- Calls ------------------------------------------------------------------------------------
 
-// Calls a descriptor with script arguments. The arguments are consumed whatever the outcome (each is
-// released or handed on). this_ is null for a static function. Returns 255, 237, 245, the status of
-// a failed conversion, or what the function reports.
+// Calls a descriptor with script arguments. The arguments are consumed whatever the outcome (each
+// is released or handed on). this_ is null for a static function. Returns 255, 237, 245, the status
+// of a failed conversion, or what the function reports.
 psStatus pscCallFunction(pscDomain* domain, int argc, const fundes* function, void* this_,
                          psTypedValue* args, psTypedValue* result);
 
@@ -377,7 +378,8 @@ psStatus pscCallFunction(pscDomain* domain, int argc, const fundes* function, vo
 
 void pscEnumeratePublicClasses(void (*callback)(pscClass*, void*), void* arg);
 void pscEnumerateInterfaces(const pscClass* cl,
-                            void (*callback)(const pscClass*, const psInterface*, void*), void* arg);
+                            void (*callback)(const pscClass*, const psInterface*, void*),
+                            void* arg);
 void pscEnumerateFunctions(void* x, const psInterface* iface,
                            void (*callback)(void* x, const psInterface*, const fundes*, void*),
                            void* arg);
@@ -404,5 +406,5 @@ void pscSetPrintHook(void (*print)(void* arg, psText text), void* arg);
 void pscPrint(psText text);
 
 // The core classes.
-extern pscClass clArray, clByteArray, clList, clAssociativeArray, clInt, clString, clFloat, clDouble,
-    clIntrinsicDouble, clFunction, clBoolean, clInvalid, clMessagePort, clGlobal;
+extern pscClass clArray, clByteArray, clList, clAssociativeArray, clInt, clString, clFloat,
+    clDouble, clIntrinsicDouble, clFunction, clBoolean, clInvalid, clMessagePort, clGlobal;

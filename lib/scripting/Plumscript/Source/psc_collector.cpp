@@ -1,18 +1,19 @@
-// The collector of reference cycles (trial deletion), and the other walks over a domain's instances.
+// The collector of reference cycles (trial deletion), and the other walks over a domain's
+// instances.
 //
 // An instance whose count is higher than the number of references found inside other instances is
 // held from outside (a variable, the stack, native code): a root. Whatever no root reaches is
 // garbage.
 //
 // Rules of this file:
-//  1. Hooks run with psc_ref_and_list_lock released. The instance whose hook runs is kept alive by a
-//     temporary reference. One that turns out to be the last is kept until the collection is over:
-//     a destructor may wait for a thread that waits for the collector lock.
+//  1. Hooks run with psc_ref_and_list_lock released. The instance whose hook runs is kept alive by
+//     a temporary reference. One that turns out to be the last is kept until the collection is
+//     over: a destructor may wait for a thread that waits for the collector lock.
 //  2. psc_changed tells that another thread changed a count or a list while the lock was released:
 //     the counts gathered so far may describe two different moments, so the collection starts over.
 //     After kMaxRestarts it gives up and frees nothing; the next run tries again.
-//  3. The walk from the roots keeps its own stack of instances, each with a temporary reference when
-//     other threads exist, so that a chain of any length needs no recursion.
+//  3. The walk from the roots keeps its own stack of instances, each with a temporary reference
+//     when other threads exist, so that a chain of any length needs no recursion.
 #include <vector>
 
 #include "psc_internal.h"

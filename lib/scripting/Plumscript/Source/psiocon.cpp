@@ -85,9 +85,7 @@ void emulate(psIo* io, unsigned char ch) {
         setCell(io, ' ');
       }
       break;
-    case 14:
-      io->cursor_visible = true;
-      break;
+    case 14: io->cursor_visible = true; break;
     case 15:
       io->cursor_visible = false;
       setCell(io, ' ');
@@ -104,18 +102,10 @@ void emulate(psIo* io, unsigned char ch) {
     case 27:
       if (io->cursor >= io->io_width) moveCursor(io, io->cursor - io->io_width);
       break;
-    case 28:
-      moveCursor(io, 0);
-      break;
-    case 29:
-      moveCursor(io, row_start);
-      break;
-    case 30:
-      blankCells(io, io->cursor, row_end);
-      break;
-    case 31:
-      blankCells(io, io->cursor, cells - 1);
-      break;
+    case 28: moveCursor(io, 0); break;
+    case 29: moveCursor(io, row_start); break;
+    case 30: blankCells(io, io->cursor, row_end); break;
+    case 31: blankCells(io, io->cursor, cells - 1); break;
     default:
       if (ch < 192) {
         setCell(io, static_cast<char>(ch));

@@ -29,8 +29,8 @@ void* scriptHostContext();
 psProc* scriptCreateProcess();  // null when memory is refused
 void scriptDestroyProcess(psProc* p);
 
-// Compile into the process's module, replacing a previous one; true on success. path is native; name
-// is what messages call the file.
+// Compile into the process's module, replacing a previous one; true on success. path is native;
+// name is what messages call the file.
 bool scriptCompileFile(psProc* p, const std::string& path, const std::string& name);
 bool scriptCompileText(psProc* p, std::string_view text, const std::string& name);
 // Removes the first compile error and gives its text (a label error has no line end of its own);

@@ -1,8 +1,8 @@
-// The store that a function's code grows in while it is compiled: bytes are appended, patched behind
-// the writer, taken back to an earlier position, and ranges change places.
+// The store that a function's code grows in while it is compiled: bytes are appended, patched
+// behind the writer, taken back to an earlier position, and ranges change places.
 //
-// Positions are code offsets. Allocation failure is std::bad_alloc, which the compiler's entry points
-// turn into an error.
+// Positions are code offsets. Allocation failure is std::bad_alloc, which the compiler's entry
+// points turn into an error.
 #pragma once
 
 #include <cstdint>

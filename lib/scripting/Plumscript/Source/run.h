@@ -1,5 +1,5 @@
-// Script processes and the interpreter's inner interfaces, shared by the runtime's own files and the
-// debugger.
+// Script processes and the interpreter's inner interfaces, shared by the runtime's own files and
+// the debugger.
 #pragma once
 
 #include <atomic>
@@ -21,15 +21,15 @@ struct psDebugSession;  // the debugger's
 
 // One call frame.
 struct subctx {
-  uint32_t pc;           // code offset of the next instruction, saved on calls and stops
-  int calling_args_n;    // arguments the caller passed
+  uint32_t pc;         // code offset of the next instruction, saved on calls and stops
+  int calling_args_n;  // arguments the caller passed
   psFunction* sub;
   psTypedValue* locals;  // first slot
   subctx* prev;
-  psTypedValue* calling_evsp;      // stack position to restore on return; equals locals
-  uint32_t varlistsize;            // slots reserved
-  const psInstruction* resume;     // decoded form of pc, or null when it must be looked up
-  psTypedValue* chain_slot;        // where pieces for the text in chain_local gather, or null
+  psTypedValue* calling_evsp;   // stack position to restore on return; equals locals
+  uint32_t varlistsize;         // slots reserved
+  const psInstruction* resume;  // decoded form of pc, or null when it must be looked up
+  psTypedValue* chain_slot;     // where pieces for the text in chain_local gather, or null
   uint8_t chain_local;
   // Entered by a jump from another chunk: the stack is not what the analysis of the code knows.
   bool plain_only;
@@ -37,8 +37,8 @@ struct subctx {
 // Every frame needs a slot for `global` and one for `m`, so the stack bounds the number of frames.
 constexpr int kPsMaxFrames = kPsStackSlots / 2;
 
-// The break word: what another thread, or a debugger, asks of the interpreter. One word, so that the
-// interpreter looks at one thing.
+// The break word: what another thread, or a debugger, asks of the interpreter. One word, so that
+// the interpreter looks at one thing.
 constexpr uint32_t kPsBreakCodeMask = 0xffff;  // status to stop with; 0 none
 constexpr uint32_t kPsBreakSticky = 0x10000;   // the code stays after it was acted on
 constexpr uint32_t kPsBreakStep = 0x20000;     // call the session's hook before every instruction
@@ -49,7 +49,7 @@ struct psProc {
   psModule* mod = nullptr;
   std::atomic<uint32_t> break_word{0};
   const psInterface* ifGlobal = nullptr;
-  pscInstance* gro = nullptr;  // the koGlobal instance
+  pscInstance* gro = nullptr;    // the koGlobal instance
   psTypedValue* evsp = nullptr;  // next free slot
   psDebugSession* debug_session = nullptr;
   psIo* io = nullptr;
@@ -77,8 +77,8 @@ struct psProc {
   uint64_t turns_left = 0;
 };
 void psSetTurnLimit(psProc* p, uint64_t turns);
-// Held while a child process is entered into or taken out of `chain`, and while another thread follows
-// it.
+// Held while a child process is entered into or taken out of `chain`, and while another thread
+// follows it.
 extern std::mutex psChainLock;
 // Evals inside one another, and Runs inside one another: each takes some of the thread's stack.
 constexpr int kPsMaxEvalDepth = 100;
@@ -120,11 +120,11 @@ bool ResizeLocalStorage(psProc* p);
 // normal end.
 psStatus psRunAppended(psProc* p, uint32_t start);
 
-// A frame that outlives what runs in it, for hosts that run statements one after the other: sets the
-// process running with a frame of the module's Main (whose own code is not run), its global object
-// and the channel, as a run would find them. 255, or why there is no frame; then nothing is left.
-// LiveCompile and psRunAppended work on that frame until psEndFrame unwinds it and cleans up as after
-// a run.
+// A frame that outlives what runs in it, for hosts that run statements one after the other: sets
+// the process running with a frame of the module's Main (whose own code is not run), its global
+// object and the channel, as a run would find them. 255, or why there is no frame; then nothing is
+// left. LiveCompile and psRunAppended work on that frame until psEndFrame unwinds it and cleans up
+// as after a run.
 psStatus psBeginFrame(psProc* p, psIo* io);
 void psEndFrame(psProc* p);
 

@@ -58,8 +58,7 @@ psStatus arrayGet(const psTypedValue* container, int n, bool is_call, psTypedVal
   psTypedValue current = psCopyValue(*container);
   psStatus status = kPsOkay;
   for (int k = 0; k < n && status == kPsOkay; k++) {
-    if (!psIs(current, kPsObjectFlag) ||
-        current.value.psc->psc_class->if_array_get == nullptr) {
+    if (!psIs(current, kPsObjectFlag) || current.value.psc->psc_class->if_array_get == nullptr) {
       status = kPsArrayIndexCount;
       break;
     }
@@ -94,8 +93,7 @@ psStatus arraySet(psTypedValue* value, int n) {
   psTypedValue current = psCopyValue(*container);
   psStatus status = kPsOkay;
   for (int k = 0; k + 1 < n && status == kPsOkay; k++) {
-    if (!psIs(current, kPsObjectFlag) ||
-        current.value.psc->psc_class->if_array_get == nullptr) {
+    if (!psIs(current, kPsObjectFlag) || current.value.psc->psc_class->if_array_get == nullptr) {
       status = kPsArrayIndexCount;
       break;
     }
@@ -105,8 +103,8 @@ psStatus arraySet(psTypedValue* value, int n) {
     current = next;
   }
   int64_t last = 0;
-  if (status == kPsOkay && (!psIs(current, kPsObjectFlag) ||
-                            current.value.psc->psc_class->if_array_set == nullptr)) {
+  if (status == kPsOkay &&
+      (!psIs(current, kPsObjectFlag) || current.value.psc->psc_class->if_array_set == nullptr)) {
     status = kPsArrayIndexCount;
   }
   if (status == kPsOkay && !GetIntValue(&indexes[n - 1], &last)) {

@@ -84,8 +84,8 @@ psTypedValue compileErrorList(pscDomain* domain, const psCompileErrors& errors) 
   return psObjectValue(list);
 }
 
-// The line counts within the evaluated text, or in the script's file for an error in a function that
-// the text has called.
+// The line counts within the evaluated text, or in the script's file for an error in a function
+// that the text has called.
 void reportEvalError(const psProc* p, psStatus status, int32_t first_line) {
   char text[256];
   const psLineData* line = DebugPCToLine(p->mod, p->error_offset, p->error_function);
@@ -143,8 +143,7 @@ bool compileFileInto(psParser* parser, psProc* child, psText file, psCompileErro
 // Compiles one file, or every file an enumerable object names, into the child's module.
 psStatus compileFiles(psProc* child, const psTypedValue& files, psCompileErrors* errors) {
   const bool is_text = IsStringValue(&files);
-  const psIfEnum* each =
-      psIs(files, kPsObjectFlag) ? files.value.psc->psc_class->if_enum : nullptr;
+  const psIfEnum* each = psIs(files, kPsObjectFlag) ? files.value.psc->psc_class->if_enum : nullptr;
   if (!is_text && each == nullptr) return kPsTypeMismatch;
   psParser* parser = compNew(child->domain, child);
   psStatus status = kPsOkay;
@@ -231,19 +230,13 @@ psStatus DoRun(psProc* p, uint8_t opcode, int n, psTypedValue* args, psTypedValu
         *result = psObjectValue(p->mod->global_object);
       }
       break;
-    case kOpCallCreateObject:
-      status = createObject(p, n, args, result);
-      break;
-    case kOpCallObjFun:
-      status = objFun(p, n, args, result);
-      break;
+    case kOpCallCreateObject: status = createObject(p, n, args, result); break;
+    case kOpCallObjFun: status = objFun(p, n, args, result); break;
     case kOpCallPos:
       status = n == 1 ? kPsOkay : kPsWrongParameterCount;
       *result = psIntegerValue(p->io != nullptr ? io_get_cursor(p->io) : 0);
       break;
-    case kOpCallEval:
-      status = eval(p, n, args, result);
-      break;
+    case kOpCallEval: status = eval(p, n, args, result); break;
     case kOpCallBox:
       if (n != 1) {
         status = kPsWrongParameterCount;
@@ -253,9 +246,7 @@ psStatus DoRun(psProc* p, uint8_t opcode, int n, psTypedValue* args, psTypedValu
       *result = args[0];
       if (status == kPsOkay) args[0].meta = 0;
       break;
-    case kOpCallRun:
-      status = runFiles(p, n, args, result);
-      break;
+    case kOpCallRun: status = runFiles(p, n, args, result); break;
     case kOpCallRunRtErr:
       status = n == 0 ? kPsOkay : kPsWrongParameterCount;
       *result = psIntegerValue(p->last_run_status);
@@ -266,8 +257,7 @@ psStatus DoRun(psProc* p, uint8_t opcode, int n, psTypedValue* args, psTypedValu
                     ? psInvalidValue()
                     : compileErrorList(p->domain, p->last_run_errors);
       break;
-    default:
-      status = kPsUndefinedOp;
+    default: status = kPsUndefinedOp;
   }
   if (opcode != kOpCallEval || status != kPsOkay) releaseAll(args, n);
   return status;
@@ -345,8 +335,7 @@ class PrintTarget {
   psStatus call(const char* iface, const char* name, psTypedValue* args, int n,
                 psTypedValue* result = nullptr) {
     psTypedValue ignored = psInvalidValue();
-    const pscMemberFunction f =
-        pscFindInterfaceFunction(pscGetInterface(stream_, iface), name, n);
+    const pscMemberFunction f = pscFindInterfaceFunction(pscGetInterface(stream_, iface), name, n);
     if (!f) {
       releaseAll(args, n);
       return kPsMemberNotFound;
@@ -409,21 +398,15 @@ psStatus printOne(psProc* p, PrintTarget* target, uint8_t pattern, const psTyped
       if (pscGetInterface(item->value.psc, "ifStreamSend") == nullptr) return kPsTypeMismatch;
       target->setStream(item->value.psc);
       return kPsOkay;
-    case '@':
-      return GetIntValue(item, &number) ? target->position(number) : noReading(*item);
-    case 'N':
-      return target->newline();
-    case ',':
-      return target->zone();
+    case '@': return GetIntValue(item, &number) ? target->position(number) : noReading(*item);
+    case 'N': return target->newline();
+    case ',': return target->zone();
     case 'T':
       if (!GetIntValue(item, &number)) return kPsTypeMismatch;
       if (number < 0 || number > 255) return kPsInvalidParameter;
       return target->tab(static_cast<int>(number));
-    case 'P':
-      return printItem(p, target, *item);
-    default:
-      psAssertText(false, "unknown print pattern");
-      return kPsUndefinedOp;
+    case 'P': return printItem(p, target, *item);
+    default: psAssertText(false, "unknown print pattern"); return kPsUndefinedOp;
   }
 }
 

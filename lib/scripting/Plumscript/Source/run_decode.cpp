@@ -1,11 +1,11 @@
 // From bytes to instructions: parsing, stack analysis, fusion.
 //
-// Decoding has three steps. The byte string is parsed into one Step a byte instruction. The analysis
-// follows every path and records, for each step, the least and the greatest depth of the stack above
-// the locals; it rejects the code when a path could take more than is there or grow without end.
-// Emission then walks the steps in order and replaces known sequences by one instruction; a sequence
-// never reaches over a jump target, so every position that code can come to from elsewhere exists in
-// the fast form.
+// Decoding has three steps. The byte string is parsed into one Step a byte instruction. The
+// analysis follows every path and records, for each step, the least and the greatest depth of the
+// stack above the locals; it rejects the code when a path could take more than is there or grow
+// without end. Emission then walks the steps in order and replaces known sequences by one
+// instruction; a sequence never reaches over a jump target, so every position that code can come to
+// from elsewhere exists in the fast form.
 #include "run_decode.h"
 
 #include <algorithm>
@@ -30,7 +30,7 @@ struct Step {
   uint32_t target_pc = 0;  // of a jump
   bool jumps = false;
   bool is_target = false;
-  bool in_chain = false;  // its gathering form has been emitted
+  bool in_chain = false;     // its gathering form has been emitted
   bool method_call = false;  // a Call whose callee is two entries: receiver and function
   int min_depth = kUnknown;  // before the step
   int max_depth = kUnknown;
@@ -39,14 +39,13 @@ struct Step {
 
 psFastOp binaryOp(uint8_t opcode) {
   switch (opcode) {
-#define X(op)      \
-  case kOp##op:    \
-    return kFast##op##SS_S;
-    X(Add) X(Sub) X(Mul) X(Div) X(Mod) X(And) X(Or) X(Exp) X(Gt) X(Eq) X(Lt) X(Le) X(Ge) X(Ne)
+#define X(op) \
+  case kOp##op: return kFast##op##SS_S;
+    X(Add)
+    X(Sub) X(Mul) X(Div) X(Mod) X(And) X(Or) X(Exp) X(Gt) X(Eq) X(Lt) X(Le) X(Ge) X(Ne)
 #undef X
-    default:
-      psAssertText(false, "binary opcode");
-      return kFastNop;
+        default : psAssertText(false, "binary opcode");
+    return kFastNop;
   }
 }
 
@@ -70,9 +69,9 @@ bool hotGlobal(const fundes* function, psFastOp* op) {
     psFastOp op;
   };
   static constexpr Row kRows[] = {
-      {1, kFastGlobalAsc},   {2, kFastGlobalChr},  {3, kFastGlobalLen},   {7, kFastGlobalAbs},
-      {14, kFastGlobalInt},  {19, kFastGlobalSqr}, {21, kFastGlobalLeft}, {25, kFastGlobalMid3},
-      {26, kFastGlobalMid2},
+      {1, kFastGlobalAsc},   {2, kFastGlobalChr},   {3, kFastGlobalLen},
+      {7, kFastGlobalAbs},   {14, kFastGlobalInt},  {19, kFastGlobalSqr},
+      {21, kFastGlobalLeft}, {25, kFastGlobalMid3}, {26, kFastGlobalMid2},
   };
   const auto index = function - kPsGlobalFunctions;
   for (const Row& row : kRows) {
@@ -195,22 +194,14 @@ void Decoder::parseStep(uint32_t pc, Step* s) {
   s->b = static_cast<uint8_t>(b2);
   const unsigned wide = b1 + 256u * b2;
   switch (code[0]) {
-    case kOpPushTrue:
-      return pushConstant(s, psBooleanValue(true));
-    case kOpPushFalse:
-      return pushConstant(s, psBooleanValue(false));
-    case kOpPushInvalid:
-      return pushConstant(s, psInvalidValue());
-    case kOpPushString:
-      return pushConstant(s, psStringConstantValue(*module_->strings[b1]));
-    case kOpPushString2:
-      return pushConstant(s, psStringConstantValue(*module_->strings[wide]));
-    case kOpPushInt:
-      return pushConstant(s, psIntegerValue(module_->integers[b1]));
-    case kOpPushInt2:
-      return pushConstant(s, psIntegerValue(module_->integers[wide]));
-    case kOpPushFloat:
-      return pushConstant(s, psFloatValue(module_->floats[b1]));
+    case kOpPushTrue: return pushConstant(s, psBooleanValue(true));
+    case kOpPushFalse: return pushConstant(s, psBooleanValue(false));
+    case kOpPushInvalid: return pushConstant(s, psInvalidValue());
+    case kOpPushString: return pushConstant(s, psStringConstantValue(*module_->strings[b1]));
+    case kOpPushString2: return pushConstant(s, psStringConstantValue(*module_->strings[wide]));
+    case kOpPushInt: return pushConstant(s, psIntegerValue(module_->integers[b1]));
+    case kOpPushInt2: return pushConstant(s, psIntegerValue(module_->integers[wide]));
+    case kOpPushFloat: return pushConstant(s, psFloatValue(module_->floats[b1]));
     case kOpPushDouble: {
       psTypedValue raw = psMakeValue(kPsRawDoubleFlag, 0);
       raw.value.d = module_->doubles[b1];
@@ -218,18 +209,13 @@ void Decoder::parseStep(uint32_t pc, Step* s) {
       s->op = kFastPushDouble;
       return;
     }
-    case kOpPushFun:
-      return pushConstant(s, psFunctionValue(256u * b1 + b2));
+    case kOpPushFun: return pushConstant(s, psFunctionValue(256u * b1 + b2));
     case kOpCallGlobal:
       s->op = kFastCallGlobal;
       s->x.function = &kPsGlobalFunctions[b2];
       return;
-    case kOpCall:
-      s->op = kFastCall;
-      return;
-    case kOpCallType:
-      s->op = kFastCallType;
-      return;
+    case kOpCall: s->op = kFastCall; return;
+    case kOpCallType: s->op = kFastCallType; return;
     case kOpCallObjFun:
     case kOpCallGetGlobalAA:
     case kOpCallCreateObject:
@@ -246,48 +232,20 @@ void Decoder::parseStep(uint32_t pc, Step* s) {
       s->op = kFastPrint;
       s->x.pattern = nullptr;  // read from the code: appended code may move the bytes
       return;
-    case kOpIfFalseLabel:
-      s->op = kFastIfFalse;
-      return jumpToLabel(s, b1);
-    case kOpIfFalseRelative:
-      s->op = kFastIfFalse;
-      return jumpTo(s, pc + 1 + b1);
-    case kOpCreateObjectIdx:
-      s->op = kFastCreateIdx;
-      return;
-    case kOpNot:
-      s->op = kFastNot;
-      return;
-    case kOpNeg:
-      s->op = kFastNeg;
-      return;
-    case kOpOrPretest:
-      s->op = kFastOrPretest;
-      return jumpTo(s, pc + 1 + b1);
-    case kOpAndPretest:
-      s->op = kFastAndPretest;
-      return jumpTo(s, pc + 1 + b1);
-    case kOpSwap:
-      s->op = kFastSwap;
-      return;
-    case kOpDrop:
-      s->op = kFastDrop;
-      return;
-    case kOpConvertTop:
-      s->op = kFastConvertTop;
-      return;
-    case kOpPushLocal:
-      s->op = kFastPushL;
-      return;
-    case kOpPopLocal:
-      s->op = kFastPopL;
-      return;
-    case kOpConvertLocal:
-      s->op = kFastConvertL;
-      return;
-    case kOpArraySet:
-      s->op = kFastArraySet;
-      return;
+    case kOpIfFalseLabel: s->op = kFastIfFalse; return jumpToLabel(s, b1);
+    case kOpIfFalseRelative: s->op = kFastIfFalse; return jumpTo(s, pc + 1 + b1);
+    case kOpCreateObjectIdx: s->op = kFastCreateIdx; return;
+    case kOpNot: s->op = kFastNot; return;
+    case kOpNeg: s->op = kFastNeg; return;
+    case kOpOrPretest: s->op = kFastOrPretest; return jumpTo(s, pc + 1 + b1);
+    case kOpAndPretest: s->op = kFastAndPretest; return jumpTo(s, pc + 1 + b1);
+    case kOpSwap: s->op = kFastSwap; return;
+    case kOpDrop: s->op = kFastDrop; return;
+    case kOpConvertTop: s->op = kFastConvertTop; return;
+    case kOpPushLocal: s->op = kFastPushL; return;
+    case kOpPopLocal: s->op = kFastPopL; return;
+    case kOpConvertLocal: s->op = kFastConvertL; return;
+    case kOpArraySet: s->op = kFastArraySet; return;
     case kOpDotSet:
       s->op = kFastDotSet;
       s->x.name = name(b1);
@@ -296,61 +254,35 @@ void Decoder::parseStep(uint32_t pc, Step* s) {
       s->op = kFastDotSet;
       s->x.name = name(wide);
       return;
-    case kOpEnd:
-      s->op = kFastEnd;
-      return;
+    case kOpEnd: s->op = kFastEnd; return;
     case kOpArray: {
       const bool call = s->next_pc < function_->code.size() && *at(s->next_pc) == kOpNumFunArgs;
       s->op = call ? kFastArrayCall : kFastArray;
       return;
     }
     case kOpDot:
-    case kOpDot2:
-      return parseDot(pc, s);
+    case kOpDot2: return parseDot(pc, s);
     case kOpJump: {
       const auto target = static_cast<uint32_t>(function_->label_positions[b1]);
       s->op = target <= pc ? kFastJumpBack : kFastJump;
       return jumpTo(s, target);
     }
-    case kOpJmpFwd:
-      s->op = kFastJump;
-      return jumpTo(s, pc + 1 + b1);
-    case kOpReturn:
-      s->op = kFastReturn;
-      return;
-    case kOpFor:
-      s->op = kFastFor;
-      return jumpToLabel(s, b2);
-    case kOpForEach:
-      s->op = kFastForEach;
-      return jumpToLabel(s, b2);
-    case kOpNextEach:
-      s->op = kFastNextEach;
-      return jumpToLabel(s, b2);
-    case kOpNext:
-      s->op = kFastNext;
-      return jumpToLabel(s, b2);
-    case kOpStop:
-      s->op = kFastStop;
-      return;
-    case kOpDim:
-      s->op = kFastDim;
-      return;
-    case kOpNumFunArgs:
-      s->op = kFastNumFunArgs;
-      return;
+    case kOpJmpFwd: s->op = kFastJump; return jumpTo(s, pc + 1 + b1);
+    case kOpReturn: s->op = kFastReturn; return;
+    case kOpFor: s->op = kFastFor; return jumpToLabel(s, b2);
+    case kOpForEach: s->op = kFastForEach; return jumpToLabel(s, b2);
+    case kOpNextEach: s->op = kFastNextEach; return jumpToLabel(s, b2);
+    case kOpNext: s->op = kFastNext; return jumpToLabel(s, b2);
+    case kOpStop: s->op = kFastStop; return;
+    case kOpDim: s->op = kFastDim; return;
+    case kOpNumFunArgs: s->op = kFastNumFunArgs; return;
     case kOpAttr:
       s->op = kFastAttr;
       s->x.name = name(wide);
       return;
-    case kOpDup:
-      s->op = kFastDup;
-      return;
-    case kOpNop:
-      s->op = kFastNop;
-      return;
-    default:
-      s->op = binaryOp(code[0]);
+    case kOpDup: s->op = kFastDup; return;
+    case kOpNop: s->op = kFastNop; return;
+    default: s->op = binaryOp(code[0]);
   }
 }
 
@@ -386,8 +318,8 @@ void Decoder::markMethodCalls() {
   std::vector<bool> open;
   for (size_t i = 0; i < steps_.size(); i++) {
     if (steps_[i].op == kFastNumFunArgs) {
-      const bool method = i > 0 && (steps_[i - 1].op == kFastDotCall ||
-                                    steps_[i - 1].op == kFastArrayCall);
+      const bool method =
+          i > 0 && (steps_[i - 1].op == kFastDotCall || steps_[i - 1].op == kFastArrayCall);
       open.push_back(method && steps_[i - 1].op == kFastDotCall);
     } else if (steps_[i].op == kFastCall && !open.empty()) {
       steps_[i].method_call = open.back();
@@ -425,7 +357,8 @@ bool Decoder::analyse() {
   bool ok = true;
   if (chunk_->begin == 0) {
     for (uint16_t pc : function_->callvarinits) {
-      if (pc != kPsNoEntry && stepAt(pc) >= 0) ok = ok && flow(static_cast<size_t>(stepAt(pc)), 0, 0);
+      if (pc != kPsNoEntry && stepAt(pc) >= 0)
+        ok = ok && flow(static_cast<size_t>(stepAt(pc)), 0, 0);
     }
   } else {
     ok = flow(0, 0, 0);
@@ -439,21 +372,18 @@ bool Decoder::analyse() {
     if (s.min_depth < e.pops) return false;
     const int low = s.min_depth - e.pops + e.pushes;
     const int high = s.max_depth - e.pops + e.pushes;
-    chunk_->max_depth = std::max(chunk_->max_depth, static_cast<uint32_t>(std::max(high, s.max_depth)));
+    chunk_->max_depth =
+        std::max(chunk_->max_depth, static_cast<uint32_t>(std::max(high, s.max_depth)));
     auto follow = [&](uint32_t pc, int change) {
       const int target = stepAt(pc);
       if (target >= 0) ok = ok && flow(static_cast<size_t>(target), low + change, high + change);
     };
     switch (s.op) {
       case kFastJump:
-      case kFastJumpBack:
-        follow(s.target_pc, 0);
-        continue;
+      case kFastJumpBack: follow(s.target_pc, 0); continue;
       case kFastReturn:
-      case kFastEnd:
-        continue;
-      case kFastDotCall:
-        break;
+      case kFastEnd: continue;
+      case kFastDotCall: break;
       case kFastDotInterface:
         // Either a member was found and the next dot follows, or the whole call was resolved.
         follow(s.target_pc, 1);
@@ -525,10 +455,8 @@ bool Decoder::consumerTakesRawDouble(size_t producer) const {
       case kFastStop:
       case kFastDotInterface:
       case kFastCall:
-      case kFastCallBuiltin:
-        return false;
-      default:
-        above += e.pushes - e.pops;
+      case kFastCallBuiltin: return false;
+      default: above += e.pushes - e.pops;
     }
   }
   return false;
@@ -554,14 +482,9 @@ size_t Decoder::fuseBinary(size_t first, size_t op, Mode mode) {
       x = steps_[first].x;
       b = steps_[first + 1].a;
       break;
-    case kSL:
-      b = steps_[first].a;
-      break;
-    case kSK:
-      x = steps_[first].x;
-      break;
-    case kSS:
-      break;
+    case kSL: b = steps_[first].a; break;
+    case kSK: x = steps_[first].x; break;
+    case kSS: break;
   }
   const bool raw = consumerTakesRawDouble(op);
   if (isComparison(s.opcode) && follows(op + 1, kFastIfFalse)) {
@@ -855,12 +778,10 @@ psStackEffect psEffectOf(psFastOp op, int a) {
     case kFastPushK:
     case kFastPushDouble:
     case kFastPushL:
-    case kFastCreateIdx:
-      return {0, 1};
+    case kFastCreateIdx: return {0, 1};
     case kFastPopL:
     case kFastDrop:
-    case kFastIfFalse:
-      return {1, 0};
+    case kFastIfFalse: return {1, 0};
     case kFastConvertTop:
     case kFastNot:
     case kFastNeg:
@@ -869,41 +790,26 @@ psStackEffect psEffectOf(psFastOp op, int a) {
     case kFastDot:
     case kFastDotInterface:
     case kFastDotDot:
-    case kFastAttr:
-      return {1, 1};
-    case kFastDotCall:
-      return {1, 2};
+    case kFastAttr: return {1, 1};
+    case kFastDotCall: return {1, 2};
     case kFastCallGlobal:
     case kFastCallBuiltin:
-    case kFastCallType:
-      return {a, 1};
-    case kFastCall:
-      return {a + 1, 1};
-    case kFastPrint:
-      return {a, 0};
-    case kFastSwap:
-      return {2, 2};
-    case kFastArraySet:
-      return {a + 2, 0};
-    case kFastDotSet:
-      return {2, 0};
+    case kFastCallType: return {a, 1};
+    case kFastCall: return {a + 1, 1};
+    case kFastPrint: return {a, 0};
+    case kFastSwap: return {2, 2};
+    case kFastArraySet: return {a + 2, 0};
+    case kFastDotSet: return {2, 0};
     case kFastArray:
-    case kFastArrayCall:
-      return {a + 1, 1};
-    case kFastReturn:
-      return {1, 0};
+    case kFastArrayCall: return {a + 1, 1};
+    case kFastReturn: return {1, 0};
     case kFastFor:
     case kFastNext:
-    case kFastNextEach:
-      return {2, 2};
-    case kFastForEach:
-      return {1, 2};
-    case kFastDim:
-      return {a, 0};
-    case kFastDup:
-      return {1, 2};
-    default:
-      return {0, 0};
+    case kFastNextEach: return {2, 2};
+    case kFastForEach: return {1, 2};
+    case kFastDim: return {a, 0};
+    case kFastDup: return {1, 2};
+    default: return {0, 0};
   }
 }
 
@@ -929,7 +835,8 @@ void psDecodeUpTo(psFunction* function, uint32_t end) {
 psDecodedCode* psChunkAt(psFunction* function, uint32_t pc) {
   psDecodedCode* first = psDecode(function);
   if (pc < first->end) return first;
-  if (pc >= first->newest->end) psDecodeUpTo(function, static_cast<uint32_t>(function->code.size()));
+  if (pc >= first->newest->end)
+    psDecodeUpTo(function, static_cast<uint32_t>(function->code.size()));
   if (pc >= first->newest->begin) return first->newest;
   psDecodedCode* chunk = first;
   while (pc >= chunk->end) chunk = chunk->newer.get();

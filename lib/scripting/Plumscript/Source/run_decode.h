@@ -13,8 +13,8 @@
 // out of loops can do that), frames too close to the stack's end, stepping, and positions in the
 // middle of a fused sequence.
 //
-// Code that is appended to a function later is decoded as a chunk of its own; chunks made before stay
-// valid, because frames may be running them.
+// Code that is appended to a function later is decoded as a chunk of its own; chunks made before
+// stay valid, because frames may be running them.
 #pragma once
 
 #include <cstdint>
@@ -47,31 +47,34 @@ static_assert(sizeof(psInstruction) == 32);
 // comparison jumps when it is false).
 #define PS_BINARY_MODES(X, OP, DST) \
   X(OP, LL, DST) X(OP, LK, DST) X(OP, KL, DST) X(OP, SL, DST) X(OP, SK, DST) X(OP, SS, DST)
-#define PS_ARITHMETIC_OPS(X)                                                                     \
-  PS_BINARY_MODES(X, Add, S) PS_BINARY_MODES(X, Add, L) PS_BINARY_MODES(X, Sub, S)               \
-  PS_BINARY_MODES(X, Sub, L) PS_BINARY_MODES(X, Mul, S) PS_BINARY_MODES(X, Mul, L)               \
-  PS_BINARY_MODES(X, Div, S) PS_BINARY_MODES(X, Div, L) PS_BINARY_MODES(X, Mod, S)               \
-  PS_BINARY_MODES(X, Mod, L) PS_BINARY_MODES(X, And, S) PS_BINARY_MODES(X, And, L)               \
-  PS_BINARY_MODES(X, Or, S) PS_BINARY_MODES(X, Or, L) PS_BINARY_MODES(X, Exp, S)                 \
-  PS_BINARY_MODES(X, Exp, L)
-#define PS_COMPARISON_OPS(X)                                                                     \
-  PS_BINARY_MODES(X, Gt, S) PS_BINARY_MODES(X, Gt, J) PS_BINARY_MODES(X, Eq, S)                  \
-  PS_BINARY_MODES(X, Eq, J) PS_BINARY_MODES(X, Lt, S) PS_BINARY_MODES(X, Lt, J)                  \
-  PS_BINARY_MODES(X, Le, S) PS_BINARY_MODES(X, Le, J) PS_BINARY_MODES(X, Ge, S)                  \
-  PS_BINARY_MODES(X, Ge, J) PS_BINARY_MODES(X, Ne, S) PS_BINARY_MODES(X, Ne, J)
+#define PS_ARITHMETIC_OPS(X)                                                                  \
+  PS_BINARY_MODES(X, Add, S)                                                                  \
+  PS_BINARY_MODES(X, Add, L) PS_BINARY_MODES(X, Sub, S) PS_BINARY_MODES(X, Sub, L)            \
+      PS_BINARY_MODES(X, Mul, S) PS_BINARY_MODES(X, Mul, L) PS_BINARY_MODES(X, Div, S)        \
+          PS_BINARY_MODES(X, Div, L) PS_BINARY_MODES(X, Mod, S) PS_BINARY_MODES(X, Mod, L)    \
+              PS_BINARY_MODES(X, And, S) PS_BINARY_MODES(X, And, L) PS_BINARY_MODES(X, Or, S) \
+                  PS_BINARY_MODES(X, Or, L) PS_BINARY_MODES(X, Exp, S) PS_BINARY_MODES(X, Exp, L)
+#define PS_COMPARISON_OPS(X)                                                            \
+  PS_BINARY_MODES(X, Gt, S)                                                             \
+  PS_BINARY_MODES(X, Gt, J) PS_BINARY_MODES(X, Eq, S) PS_BINARY_MODES(X, Eq, J)         \
+      PS_BINARY_MODES(X, Lt, S) PS_BINARY_MODES(X, Lt, J) PS_BINARY_MODES(X, Le, S)     \
+          PS_BINARY_MODES(X, Le, J) PS_BINARY_MODES(X, Ge, S) PS_BINARY_MODES(X, Ge, J) \
+              PS_BINARY_MODES(X, Ne, S) PS_BINARY_MODES(X, Ne, J)
 
-#define PS_PLAIN_OPS(X)                                                                          \
-  X(PushK) X(PushDouble) X(PushL) X(PopL) X(ConvertTop) X(ConvertL) X(CallGlobal) X(Call)        \
-  X(CallBuiltin) X(CallType) X(Print) X(IfFalse) X(CreateIdx) X(Not) X(Neg) X(OrPretest)         \
-  X(AndPretest) X(Swap) X(Drop) X(ArraySet) X(DotSet) X(End) X(Array) X(ArrayCall) X(Dot)        \
-  X(DotCall) X(DotInterface) X(DotDot) X(Jump) X(JumpBack) X(Return) X(For) X(ForEach)           \
-  X(NextEach) X(Next) X(Stop) X(Dim) X(NumFunArgs) X(Attr) X(Dup) X(Nop) X(Leave)
-#define PS_FUSED_OPS(X)                                                                          \
-  X(ChainBegin) X(ChainEnd) X(PopLTyped) X(ReturnTyped) X(ReturnL) X(PushLL) X(MoveL) X(SetLK)                             \
-  X(IndexLL_S) X(IndexLK_S) X(IndexSL_S) X(IndexSK_S) X(IndexSS_S) X(IndexLL_L) X(IndexLK_L)     \
-  X(IndexSetLL) X(IndexSetLK) X(IndexSetSS) X(DotL_S) X(DotL_L) X(DotSetL) X(DotCallL)           \
-  X(GlobalLen) X(GlobalAsc) X(GlobalChr) X(GlobalMid2) X(GlobalMid3) X(GlobalAbs) X(GlobalInt)   \
-  X(GlobalSqr) X(GlobalLeft)
+#define PS_PLAIN_OPS(X)                                                                         \
+  X(PushK)                                                                                      \
+  X(PushDouble) X(PushL) X(PopL) X(ConvertTop) X(ConvertL) X(CallGlobal) X(Call) X(CallBuiltin) \
+      X(CallType) X(Print) X(IfFalse) X(CreateIdx) X(Not) X(Neg) X(OrPretest) X(AndPretest)     \
+          X(Swap) X(Drop) X(ArraySet) X(DotSet) X(End) X(Array) X(ArrayCall) X(Dot) X(DotCall)  \
+              X(DotInterface) X(DotDot) X(Jump) X(JumpBack) X(Return) X(For) X(ForEach)         \
+                  X(NextEach) X(Next) X(Stop) X(Dim) X(NumFunArgs) X(Attr) X(Dup) X(Nop) X(Leave)
+#define PS_FUSED_OPS(X)                                                                           \
+  X(ChainBegin)                                                                                   \
+  X(ChainEnd) X(PopLTyped) X(ReturnTyped) X(ReturnL) X(PushLL) X(MoveL) X(SetLK) X(IndexLL_S)     \
+      X(IndexLK_S) X(IndexSL_S) X(IndexSK_S) X(IndexSS_S) X(IndexLL_L) X(IndexLK_L) X(IndexSetLL) \
+          X(IndexSetLK) X(IndexSetSS) X(DotL_S) X(DotL_L) X(DotSetL) X(DotCallL) X(GlobalLen)     \
+              X(GlobalAsc) X(GlobalChr) X(GlobalMid2) X(GlobalMid3) X(GlobalAbs) X(GlobalInt)     \
+                  X(GlobalSqr) X(GlobalLeft)
 
 enum psFastOp : uint16_t {
 #define X(name) kFast##name,
@@ -84,8 +87,9 @@ enum psFastOp : uint16_t {
   // What a plain instruction carries in c: every plain operation fits a byte, and binary operators
   // are their SS_S form.
 };
-// What a fast instruction carries in c when its double may stay without a box. The plain form shares
-// the handlers: there c is the operation, and none that could leave a double has this number.
+// What a fast instruction carries in c when its double may stay without a box. The plain form
+// shares the handlers: there c is the operation, and none that could leave a double has this
+// number.
 constexpr uint8_t kPsTakesRawDouble = 1;
 static_assert(kFastPushDouble == kPsTakesRawDouble && kFastNeSS_S < 256);
 
@@ -113,8 +117,8 @@ struct psDecodedCode {
 psDecodedCode* psDecode(psFunction* function);
 // The chunk that holds a code offset; decodes what was appended since.
 psDecodedCode* psChunkAt(psFunction* function, uint32_t pc);
-// Decodes what lies before a code offset, so that what is behind it becomes a chunk, and an analysis,
-// of its own.
+// Decodes what lies before a code offset, so that what is behind it becomes a chunk, and an
+// analysis, of its own.
 void psDecodeUpTo(psFunction* function, uint32_t end);
 // The instruction at a code offset in the fast form, or null when it has none there.
 const psInstruction* psFastAt(psDecodedCode* chunk, uint32_t pc);

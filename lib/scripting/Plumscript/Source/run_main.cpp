@@ -1,8 +1,8 @@
 // The interpreter: frames, calls, and the loop that runs decoded code.
 //
 // Rules of this file:
-//  1. In the loop, sp, ip and locals are registers. Whatever may run script code or report a position
-//     (built-ins, frame pushes, stops) gets them through p->evsp and the frame first.
+//  1. In the loop, sp, ip and locals are registers. Whatever may run script code or report a
+//     position (built-ins, frame pushes, stops) gets them through p->evsp and the frame first.
 //  2. An instruction that fails leaves the stack as deep as its success would have, with Invalid in
 //     the place of the result. Whoever continues after an error continues on a sound stack.
 //  3. The break word is looked at on entry, on every backward jump, call, return and return from
@@ -163,37 +163,22 @@ inline void releaseOwned(const psTypedValue* x, const psTypedValue* y, unsigned 
 // Arithmetic on doubles. False when op or the values are none of its business.
 inline bool doubleArithmetic(uint8_t op, double x, double y, double* r) {
   switch (op) {
-    case kOpAdd:
-      *r = x + y;
-      return true;
-    case kOpSub:
-      *r = x - y;
-      return true;
-    case kOpMul:
-      *r = x * y;
-      return true;
-    case kOpDiv:
-      *r = x / y;
-      return y != 0.0;
-    default:
-      return false;
+    case kOpAdd: *r = x + y; return true;
+    case kOpSub: *r = x - y; return true;
+    case kOpMul: *r = x * y; return true;
+    case kOpDiv: *r = x / y; return y != 0.0;
+    default: return false;
   }
 }
 
 inline bool compareDoubles(uint8_t op, double x, double y) {
   switch (op) {
-    case kOpGt:
-      return x > y;
-    case kOpEq:
-      return x == y;
-    case kOpLt:
-      return x < y;
-    case kOpLe:
-      return x <= y;
-    case kOpGe:
-      return x >= y;
-    default:
-      return x != y;
+    case kOpGt: return x > y;
+    case kOpEq: return x == y;
+    case kOpLt: return x < y;
+    case kOpLe: return x <= y;
+    case kOpGe: return x >= y;
+    default: return x != y;
   }
 }
 
@@ -209,21 +194,14 @@ inline bool floatArithmetic(uint8_t op, const psTypedValue* x, const psTypedValu
   const float a = read(x);
   const float b = read(y);
   switch (op) {
-    case kOpAdd:
-      setFloat(result, a + b);
-      return true;
-    case kOpSub:
-      setFloat(result, a - b);
-      return true;
-    case kOpMul:
-      setFloat(result, a * b);
-      return true;
+    case kOpAdd: setFloat(result, a + b); return true;
+    case kOpSub: setFloat(result, a - b); return true;
+    case kOpMul: setFloat(result, a * b); return true;
     case kOpDiv:
       if (b == 0.0f) return false;
       setFloat(result, a / b);
       return true;
-    default:
-      return false;
+    default: return false;
   }
 }
 
@@ -515,7 +493,8 @@ inline const psAssocEntry* findMember(psAssocArray* array, const psName* name) {
 }
 
 // The member's value with a reference of its own; a zero word when there is none.
-__attribute__((always_inline)) inline psTypedValue memberOf(pscInstance* object, const psName* name, bool raw = false) {
+__attribute__((always_inline)) inline psTypedValue memberOf(pscInstance* object, const psName* name,
+                                                            bool raw = false) {
   if (PS_LIKELY(object->psc_class == &clAssociativeArray)) {
     auto* array = pscData<psAssocArray>(object);
     const psGuard guard(array->lock);
@@ -575,9 +554,9 @@ const fundes* findMethod(const pscClass* cl, psName* name, int nargs) {
   return found.function;
 }
 
-// object.name( … ): leaves a bound method, or receiver and native function. The stack must have room
-// for two entries at slot; *entries tells how many are used. A failure leaves one, Invalid, as deep
-// as a bound method would be.
+// object.name( … ): leaves a bound method, or receiver and native function. The stack must have
+// room for two entries at slot; *entries tells how many are used. A failure leaves one, Invalid, as
+// deep as a bound method would be.
 PS_NOINLINE psStatus resolveMethod(pscDomain* domain, psTypedValue* slot, psName* name, int nargs,
                                    int* entries) {
   *entries = 1;
@@ -661,8 +640,8 @@ PS_COLD psStatus resolveInterface(pscDomain* domain, psTypedValue* slot, psName*
 //
 // A member that exists already, newest of its bucket and under the same spelling, is stored over;
 // replacing it would put it where it is. Everything else is the container's own affair.
-inline bool fastMemberSet(const psTypedValue* object, const psName* name,
-                          const psTypedValue* value, psStatus* status) {
+inline bool fastMemberSet(const psTypedValue* object, const psName* name, const psTypedValue* value,
+                          psStatus* status) {
   if (!psIs(*object, kPsObjectFlag) || value->type_flags == 0) return false;
   if (PS_UNLIKELY(object->value.psc->psc_class != &clAssociativeArray)) return false;
   auto* array = pscData<psAssocArray>(object->value.psc);
@@ -671,8 +650,7 @@ inline bool fastMemberSet(const psTypedValue* object, const psName* name,
   {
     const psGuard guard(array->lock);
     psAssocEntry* newest = array->buckets[name->bucket];
-    if (PS_LIKELY(newest != nullptr && sameSpelling(newest, name) &&
-                  newest != array->enum_entry)) {
+    if (PS_LIKELY(newest != nullptr && sameSpelling(newest, name) && newest != array->enum_entry)) {
       *status = exchangeKept(object->value.psc->domain, &newest->value, value, &old);
     } else {
       psTypedValue kept = *value;
@@ -1120,20 +1098,20 @@ namespace {
 #define OWN_SK kOwnLeft
 #define OWN_SS (kOwnLeft | kOwnRight)
 
-#define NEXT       \
-  do {             \
-    ip++;          \
-    goto* ip->handler; \
+#define NEXT            \
+  do {                  \
+    ip++;               \
+    goto * ip->handler; \
   } while (0)
-#define DISPATCH goto* ip->handler
-#define FAIL(code)  \
-  do {              \
+#define DISPATCH goto * ip->handler
+#define FAIL(code)   \
+  do {               \
     status = (code); \
-    goto failed;    \
+    goto failed;     \
   } while (0)
-#define CHECK(expression)              \
-  do {                                 \
-    status = (expression);             \
+#define CHECK(expression)                            \
+  do {                                               \
+    status = (expression);                           \
     if (PS_UNLIKELY(status != kPsOkay)) goto failed; \
   } while (0)
 
@@ -1145,7 +1123,7 @@ PS_NOINLINE psStatus runLoop(psProc* p) {
 #define X(op, mode, dst) &&L_##op##mode##_##dst,
           PS_ARITHMETIC_OPS(X) PS_COMPARISON_OPS(X)
 #undef X
-              &&L_plain};
+      && L_plain};
   if (p == nullptr) {
     handler_table = kHandlers;
     return kPsOkay;
@@ -1158,9 +1136,9 @@ PS_NOINLINE psStatus runLoop(psProc* p) {
   psTypedValue* locals = p->ctx->locals;
   bool plain = false;
 
-// --- Positions --------------------------------------------------------------------------------
+  // --- Positions --------------------------------------------------------------------------------
 
-resume:  // at the current frame's pc
+resume :  // at the current frame's pc
 {
   subctx* frame = p->ctx;
   locals = frame->locals;
@@ -1208,7 +1186,7 @@ failed:  // the instruction at ip has failed with status
   p->error_function = p->ctx->sub;
   return status;
 
-L_plain: {
+L_plain : {
   if (PS_UNLIKELY(p->break_word.load(std::memory_order_relaxed) != 0)) {
     p->ctx->pc = ip->pc;
     p->evsp = sp;
@@ -1234,27 +1212,27 @@ L_plain: {
   goto* kHandlers[ip->c];
 }
 
-// --- Pushes and locals ------------------------------------------------------------------------
+  // --- Pushes and locals ------------------------------------------------------------------------
 
 L_PushK:
   moveValue(sp++, *ip->x.constant);
   NEXT;
 
-L_PushDouble: {
+L_PushDouble : {
   pscInstance* box = psNewDouble(p->domain, ip->x.constant->value.d);
   *sp++ = box != nullptr ? psObjectValue(box) : psInvalidValue();
   if (box == nullptr) FAIL(kPsOutOfMemory);
   NEXT;
 }
 
-L_PushL: {
+L_PushL : {
   const psTypedValue* v = &locals[ip->a];
   moveValue(sp++, *v);
   psRetainValue(v);
   NEXT;
 }
 
-L_PushLL: {
+L_PushLL : {
   const psTypedValue* v = &locals[ip->a];
   moveValue(sp++, *v);
   psRetainValue(v);
@@ -1264,7 +1242,7 @@ L_PushLL: {
   NEXT;
 }
 
-L_PopL: {
+L_PopL : {
   psTypedValue* to = &locals[ip->a];
   sp--;
   if (PS_UNLIKELY(psIs(*sp, kPsRawDoubleFlag))) {
@@ -1275,7 +1253,7 @@ L_PopL: {
   NEXT;
 }
 
-L_PopLTyped: {
+L_PopLTyped : {
   psTypedValue* to = &locals[ip->a];
   if (PS_UNLIKELY(psIs(sp[-1], kPsRawDoubleFlag)) && ip->b == psDouble) {
     sp--;
@@ -1289,9 +1267,9 @@ L_PopLTyped: {
   NEXT;
 }
 
-// s = s + a + b …: the pieces are gathered in a text of their own and then appended to s, which would
-// otherwise be copied whole for the first sum. Only for a text that nobody else holds.
-L_ChainBegin: {
+// s = s + a + b …: the pieces are gathered in a text of their own and then appended to s, which
+// would otherwise be copied whole for the first sum. Only for a text that nobody else holds.
+L_ChainBegin : {
   const psTypedValue* s = &locals[ip->a];
   if (psIsStringBox(*s) && soleOwner(s->value.psc)) {
     if (pscInstance* pieces = psNewString(p->domain, {})) {
@@ -1310,7 +1288,7 @@ L_ChainEnd:
   CHECK(appendPieces(p->domain, &locals[ip->a], --sp));
   NEXT;
 
-L_MoveL: {
+L_MoveL : {
   const psTypedValue* v = &locals[ip->b];
   psRetainValue(v);
   storeOver(&locals[ip->a], *v);
@@ -1341,7 +1319,7 @@ L_Dup:
   sp++;
   NEXT;
 
-L_Swap: {
+L_Swap : {
   const psTypedValue top = sp[-1];
   sp[-1] = sp[-2];
   sp[-2] = top;
@@ -1352,7 +1330,7 @@ L_NumFunArgs:
 L_Nop:
   NEXT;
 
-// --- Jumps ------------------------------------------------------------------------------------
+  // --- Jumps ------------------------------------------------------------------------------------
 
 L_Jump:
   ip += ip->jump;
@@ -1363,7 +1341,7 @@ L_JumpBack:
   if (turn(p)) goto break_seen;
   DISPATCH;
 
-L_IfFalse: {
+L_IfFalse : {
   sp--;
   bool truth;
   if (PS_LIKELY(psIs(*sp, kPsBooleanFlag))) {
@@ -1381,7 +1359,7 @@ L_IfFalse: {
   DISPATCH;
 }
 
-L_OrPretest: {
+L_OrPretest : {
   const psTypedValue* v = sp - 1;
   bool decided = false;
   if (psIs(*v, kPsBooleanFlag)) {
@@ -1394,7 +1372,7 @@ L_OrPretest: {
   DISPATCH;
 }
 
-L_AndPretest: {
+L_AndPretest : {
   const psTypedValue* v = sp - 1;
   bool decided = false;
   if (psIs(*v, kPsBooleanFlag)) {
@@ -1413,9 +1391,9 @@ L_End:
 L_Stop:
   FAIL(kPsStop);
 
-// --- Loops ------------------------------------------------------------------------------------
+  // --- Loops ------------------------------------------------------------------------------------
 
-L_For: {
+L_For : {
   psTypedValue* v = &locals[ip->a];
   bool done;
   if (PS_LIKELY(v->type_flags & sp[-1].type_flags & sp[-2].type_flags & kPsIntegerFlag)) {
@@ -1429,13 +1407,13 @@ L_For: {
   DISPATCH;
 }
 
-L_Next: {
+L_Next : {
   psTypedValue* v = &locals[ip->a];
   bool done;
   if (PS_LIKELY(v->type_flags & sp[-1].type_flags & sp[-2].type_flags & kPsIntegerFlag)) {
     const int64_t step = sp[-1].value.i;
-    const auto next = static_cast<int64_t>(static_cast<uint64_t>(v->value.i) +
-                                           static_cast<uint64_t>(step));
+    const auto next =
+        static_cast<int64_t>(static_cast<uint64_t>(v->value.i) + static_cast<uint64_t>(step));
     v->value.i = next;
     done = step < 1 ? next < sp[-2].value.i : next > sp[-2].value.i;
   } else {
@@ -1449,23 +1427,17 @@ L_Next: {
 
 L_ForEach:
   switch (enterForEach(sp - 1, &locals[ip->a], &status)) {
-    case Each::kBody:
-      sp++;
-      NEXT;
-    case Each::kSkipOne:
-      ip += ip->jump + 1;
-      DISPATCH;
+    case Each::kBody: sp++; NEXT;
+    case Each::kSkipOne: ip += ip->jump + 1; DISPATCH;
     case Each::kSkipTwo:
       sp--;
       ip += ip->jump + 2;
       DISPATCH;
-    case Each::kFailed:
-      *sp++ = psInvalidValue();
-      goto failed;
+    case Each::kFailed: *sp++ = psInvalidValue(); goto failed;
   }
   __builtin_unreachable();
 
-L_NextEach: {
+L_NextEach : {
   bool more;
   CHECK(stepForEach(sp - 2, &locals[ip->a], &more));
   if (!more) NEXT;
@@ -1474,9 +1446,9 @@ L_NextEach: {
   DISPATCH;
 }
 
-// --- Calls ------------------------------------------------------------------------------------
+  // --- Calls ------------------------------------------------------------------------------------
 
-L_Call: {
+L_Call : {
   const int n = ip->a;
   psTypedValue* slot = sp - n - 1;
   if (psIs(*slot, kPsMemberFunctionFlag)) {
@@ -1537,7 +1509,7 @@ L_Call: {
   goto resume;
 }
 
-call_failed: {
+call_failed : {
   psTypedValue* slot = sp - ip->a - 1;
   releaseRange(slot, sp);
   *slot = psInvalidValue();
@@ -1545,7 +1517,7 @@ call_failed: {
   goto failed;
 }
 
-L_ReturnL: {
+L_ReturnL : {
   const psTypedValue* v = &locals[ip->a];
   psRetainValue(v);
   moveValue(sp++, *v);
@@ -1557,7 +1529,7 @@ L_ReturnTyped:
     CHECK(convertTop(p->domain, &sp[-1], static_cast<psTypeEnum>(ip->a)));
   }
 
-L_Return: {
+L_Return : {
   subctx* frame = p->ctx;
   if (frame == p->base_frame) {
     p->evsp = sp;
@@ -1583,7 +1555,7 @@ L_Return: {
   DISPATCH;
 }
 
-L_CallGlobal: {
+L_CallGlobal : {
   const int n = ip->a;
   psTypedValue* args = sp - n;
   p->evsp = sp;
@@ -1595,7 +1567,7 @@ L_CallGlobal: {
   DISPATCH;
 }
 
-L_CallBuiltin: {
+L_CallBuiltin : {
   const int n = ip->a;
   psTypedValue* args = sp - n;
   psTypedValue result = psInvalidValue();
@@ -1613,7 +1585,7 @@ L_CallBuiltin: {
   DISPATCH;
 }
 
-L_CallType: {
+L_CallType : {
   const int n = ip->a;
   psTypedValue result;
   status = DoType(sp - n, n, &result);
@@ -1623,7 +1595,7 @@ L_CallType: {
   NEXT;
 }
 
-L_Print: {
+L_Print : {
   const int n = ip->a;
   sp -= n;
   p->evsp = sp + n;
@@ -1634,16 +1606,16 @@ L_Print: {
   DISPATCH;
 }
 
-L_CreateIdx: {
+L_CreateIdx : {
   pscInstance* instance =
       ip->a != 0 ? pscNewComponentByClass(p->domain, pscClassByIndex(ip->a)) : nullptr;
   *sp++ = instance != nullptr ? psObjectValue(instance) : psInvalidValue();
   NEXT;
 }
 
-// --- Global functions with an operation of their own ------------------------------------------
+  // --- Global functions with an operation of their own ------------------------------------------
 
-L_GlobalLen: {
+L_GlobalLen : {
   psText text;
   if (PS_UNLIKELY(!textOf(sp - 1, &text))) goto L_CallGlobal;
   const auto n = static_cast<int64_t>(text.size());
@@ -1652,7 +1624,7 @@ L_GlobalLen: {
   NEXT;
 }
 
-L_GlobalAsc: {
+L_GlobalAsc : {
   psText text;
   if (PS_UNLIKELY(!textOf(sp - 1, &text))) goto L_CallGlobal;
   const int64_t code = text.empty() ? 0 : static_cast<unsigned char>(text[0]);
@@ -1661,7 +1633,7 @@ L_GlobalAsc: {
   NEXT;
 }
 
-L_GlobalChr: {
+L_GlobalChr : {
   if (PS_UNLIKELY(!psIs(sp[-1], kPsIntegerFlag) || sp[-1].value.i < 1 || sp[-1].value.i > 255)) {
     goto L_CallGlobal;
   }
@@ -1670,7 +1642,7 @@ L_GlobalChr: {
   NEXT;
 }
 
-L_GlobalMid2: {
+L_GlobalMid2 : {
   psText text;
   if (PS_UNLIKELY(!textOf(sp - 2, &text) || !psIs(sp[-1], kPsIntegerFlag))) goto L_CallGlobal;
   const auto position = static_cast<int32_t>(sp[-1].value.i);
@@ -1681,20 +1653,20 @@ L_GlobalMid2: {
   NEXT;
 }
 
-L_GlobalMid3: {
+L_GlobalMid3 : {
   psText text;
   if (PS_UNLIKELY(!textOf(sp - 3, &text) ||
                   !(sp[-1].type_flags & sp[-2].type_flags & kPsIntegerFlag))) {
     goto L_CallGlobal;
   }
-  const psText part = psTextMid(text, static_cast<int32_t>(sp[-2].value.i),
-                                static_cast<int32_t>(sp[-1].value.i));
+  const psText part =
+      psTextMid(text, static_cast<int32_t>(sp[-2].value.i), static_cast<int32_t>(sp[-1].value.i));
   if (PS_UNLIKELY(!textResult(p->domain, sp - 3, 3, part))) goto L_CallGlobal;
   sp -= 2;
   NEXT;
 }
 
-L_GlobalLeft: {
+L_GlobalLeft : {
   psText text;
   if (PS_UNLIKELY(!textOf(sp - 2, &text) || !psIs(sp[-1], kPsIntegerFlag))) goto L_CallGlobal;
   const psText part = psTextLeft(text, static_cast<int32_t>(sp[-1].value.i));
@@ -1703,7 +1675,7 @@ L_GlobalLeft: {
   NEXT;
 }
 
-L_GlobalAbs: {
+L_GlobalAbs : {
   double d;
   if (PS_UNLIKELY(!doubleArgument(sp - 1, &d))) goto L_CallGlobal;
   doubleResult(sp - 1, std::fabs(d));
@@ -1711,7 +1683,7 @@ L_GlobalAbs: {
   NEXT;
 }
 
-L_GlobalSqr: {
+L_GlobalSqr : {
   double d;
   if (PS_UNLIKELY(!doubleArgument(sp - 1, &d))) goto L_CallGlobal;
   doubleResult(sp - 1, std::sqrt(d));
@@ -1719,7 +1691,7 @@ L_GlobalSqr: {
   NEXT;
 }
 
-L_GlobalInt: {
+L_GlobalInt : {
   double d;
   if (PS_UNLIKELY(!doubleArgument(sp - 1, &d) || !(d > -2147483648.0 && d < 2147483647.0))) {
     goto L_CallGlobal;
@@ -1729,9 +1701,9 @@ L_GlobalInt: {
   NEXT;
 }
 
-// --- Elements ---------------------------------------------------------------------------------
+  // --- Elements ---------------------------------------------------------------------------------
 
-L_Array: {
+L_Array : {
   const int n = ip->a;
   sp -= n;
   const pscInstance* row = rowOf(sp - 1, sp, n);
@@ -1746,28 +1718,28 @@ L_Array: {
   NEXT;
 }
 
-L_ArrayCall: {
+L_ArrayCall : {
   const int n = ip->a;
   sp -= n;
   CHECK(DoArrayGet(sp - 1, n, true));
   NEXT;
 }
 
-#define INDEX_TO_STACK(MODE)                                                     \
-  L_Index##MODE##_S : {                                                          \
-    const psTypedValue* container = X_##MODE;                                    \
-    const psTypedValue* index = Y_##MODE;                                        \
-    psTypedValue result;                                                         \
-    status = kPsOkay;                                                            \
-    if (PS_LIKELY(fastIndex(container, index, ip->c != 0, &result))) {           \
-      if (OWN_##MODE & kOwnLeft) ReleaseValue(container);                        \
-    } else {                                                                     \
-      status = slowIndex(container, index, OWN_##MODE, &result);                 \
-    }                                                                            \
-    sp += 1 - POPS_##MODE;                                                       \
-    moveValue(sp - 1, result);                                                   \
-    if (PS_UNLIKELY(status != kPsOkay)) goto failed;                             \
-    NEXT;                                                                        \
+#define INDEX_TO_STACK(MODE)                                           \
+  L_Index##MODE##_S : {                                                \
+    const psTypedValue* container = X_##MODE;                          \
+    const psTypedValue* index = Y_##MODE;                              \
+    psTypedValue result;                                               \
+    status = kPsOkay;                                                  \
+    if (PS_LIKELY(fastIndex(container, index, ip->c != 0, &result))) { \
+      if (OWN_##MODE & kOwnLeft) ReleaseValue(container);              \
+    } else {                                                           \
+      status = slowIndex(container, index, OWN_##MODE, &result);       \
+    }                                                                  \
+    sp += 1 - POPS_##MODE;                                             \
+    moveValue(sp - 1, result);                                         \
+    if (PS_UNLIKELY(status != kPsOkay)) goto failed;                   \
+    NEXT;                                                              \
   }
   INDEX_TO_STACK(LL)
   INDEX_TO_STACK(LK)
@@ -1775,23 +1747,23 @@ L_ArrayCall: {
   INDEX_TO_STACK(SK)
   INDEX_TO_STACK(SS)
 
-#define INDEX_TO_LOCAL(MODE)                                                     \
-  L_Index##MODE##_L : {                                                          \
-    psTypedValue result;                                                         \
-    if (PS_UNLIKELY(!fastIndex(X_##MODE, Y_##MODE, false, &result))) {           \
-      status = slowIndex(X_##MODE, Y_##MODE, 0, &result);                        \
-      if (PS_UNLIKELY(status != kPsOkay)) {                                      \
-        *sp++ = result;                                                          \
-        goto failed;                                                             \
-      }                                                                          \
-    }                                                                            \
-    storeOver(&locals[ip->c], result);                                           \
-    NEXT;                                                                        \
+#define INDEX_TO_LOCAL(MODE)                                           \
+  L_Index##MODE##_L : {                                                \
+    psTypedValue result;                                               \
+    if (PS_UNLIKELY(!fastIndex(X_##MODE, Y_##MODE, false, &result))) { \
+      status = slowIndex(X_##MODE, Y_##MODE, 0, &result);              \
+      if (PS_UNLIKELY(status != kPsOkay)) {                            \
+        *sp++ = result;                                                \
+        goto failed;                                                   \
+      }                                                                \
+    }                                                                  \
+    storeOver(&locals[ip->c], result);                                 \
+    NEXT;                                                              \
   }
   INDEX_TO_LOCAL(LL)
   INDEX_TO_LOCAL(LK)
 
-L_ArraySet: {
+L_ArraySet : {
   const int n = ip->a;
   sp -= n + 2;
   if (pscInstance* row = rowOf(sp + 1, sp + 2, n)) {
@@ -1807,7 +1779,7 @@ L_ArraySet: {
   NEXT;
 }
 
-L_IndexSetLL: {
+L_IndexSetLL : {
   sp--;
   if (PS_UNLIKELY(!fastIndexSet(X_LL, Y_LL, sp, &status))) {
     status = slowIndexSet(p->domain, X_LL, Y_LL, 0, sp);
@@ -1816,7 +1788,7 @@ L_IndexSetLL: {
   NEXT;
 }
 
-L_IndexSetLK: {
+L_IndexSetLK : {
   sp--;
   if (PS_UNLIKELY(!fastIndexSet(X_LK, Y_LK, sp, &status))) {
     status = slowIndexSet(p->domain, X_LK, Y_LK, 0, sp);
@@ -1825,7 +1797,7 @@ L_IndexSetLK: {
   NEXT;
 }
 
-L_IndexSetSS: {
+L_IndexSetSS : {
   sp -= 3;
   if (PS_LIKELY(fastIndexSet(sp + 1, sp + 2, sp, &status))) {
     ReleaseValue(sp + 1);
@@ -1836,14 +1808,14 @@ L_IndexSetSS: {
   NEXT;
 }
 
-L_Dim: {
+L_Dim : {
   const int n = ip->a;
   sp -= n;
   CHECK(DoDim(p, sp, n, &locals[ip->b]));
   NEXT;
 }
 
-// --- Members ----------------------------------------------------------------------------------
+  // --- Members ----------------------------------------------------------------------------------
 
 L_Dot:
   CHECK(readMember(sp - 1, ip->x.name, false));
@@ -1853,7 +1825,7 @@ L_DotDot:
   CHECK(readMember(sp - 1, ip->x.name, true));
   NEXT;
 
-L_DotL_S: {
+L_DotL_S : {
   const psTypedValue* object = &locals[ip->a];
   if (PS_LIKELY(isAssociative(object))) {
     const psTypedValue found = memberOf(object->value.psc, ip->x.name, ip->c != 0);
@@ -1866,7 +1838,7 @@ L_DotL_S: {
   NEXT;
 }
 
-L_DotL_L: {
+L_DotL_L : {
   const psTypedValue* object = &locals[ip->a];
   if (PS_LIKELY(isAssociative(object))) {
     const psTypedValue found = memberOf(object->value.psc, ip->x.name);
@@ -1880,12 +1852,12 @@ L_DotL_L: {
   NEXT;
 }
 
-L_DotCallL: {
+L_DotCallL : {
   const psTypedValue* object = &locals[ip->b];
   moveValue(sp++, *object);
   psRetainValue(object);
 }
-L_DotCall: {
+L_DotCall : {
   int entries = 2;
   if (plain && sp + 1 > stackEnd(p)) FAIL(kPsStackOverflow);
   status = resolveMethod(p->domain, sp - 1, ip->x.name, ip->a, &entries);
@@ -1895,7 +1867,7 @@ L_DotCall: {
   DISPATCH;
 }
 
-L_DotInterface: {
+L_DotInterface : {
   bool whole_call;
   const psInstruction* method = ip + 1;
   if (plain && sp + 1 > stackEnd(p)) FAIL(kPsStackOverflow);
@@ -1916,7 +1888,7 @@ L_DotSet:
   CHECK(slowMemberSet(p->domain, sp, sp + 1, *ip->x.name));
   NEXT;
 
-L_DotSetL: {
+L_DotSetL : {
   sp--;
   if (PS_LIKELY(fastMemberSet(&locals[ip->a], ip->x.name, sp, &status))) {
     if (PS_UNLIKELY(status != kPsOkay)) goto failed;
@@ -1931,7 +1903,7 @@ L_Attr:
   CHECK(DoAttr(sp - 1, *ip->x.name));
   NEXT;
 
-// --- Operators --------------------------------------------------------------------------------
+  // --- Operators --------------------------------------------------------------------------------
 
 L_Not:
   if (PS_LIKELY(psIs(sp[-1], kPsBooleanFlag))) {
@@ -1945,195 +1917,195 @@ L_Neg:
   CHECK(DoNeg(p->domain, sp - 1));
   NEXT;
 
-#define SLOW_TO_STACK(OP, MODE)                                                               \
-  status = slowBinary(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP,                     \
-                      ip->c == kPsTakesRawDouble, sp - POPS_##MODE);                          \
-  sp += 1 - POPS_##MODE;                                                                      \
-  if (PS_UNLIKELY(status != kPsOkay)) goto failed;                                            \
+#define SLOW_TO_STACK(OP, MODE)                                           \
+  status = slowBinary(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP, \
+                      ip->c == kPsTakesRawDouble, sp - POPS_##MODE);      \
+  sp += 1 - POPS_##MODE;                                                  \
+  if (PS_UNLIKELY(status != kPsOkay)) goto failed;                        \
   NEXT;
-#define SLOW_TO_LOCAL(OP, MODE)                                                               \
-  status = slowBinaryToLocal(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP,              \
-                             &locals[ip->c]);                                                 \
-  sp -= POPS_##MODE;                                                                          \
-  if (PS_UNLIKELY(status != kPsOkay)) {                                                       \
-    *sp++ = psInvalidValue();                                                                 \
-    goto failed;                                                                              \
-  }                                                                                           \
+#define SLOW_TO_LOCAL(OP, MODE)                                                                   \
+  status = slowBinaryToLocal(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP, &locals[ip->c]); \
+  sp -= POPS_##MODE;                                                                              \
+  if (PS_UNLIKELY(status != kPsOkay)) {                                                           \
+    *sp++ = psInvalidValue();                                                                     \
+    goto failed;                                                                                  \
+  }                                                                                               \
   NEXT;
 
 #define DELIVER_S(MODE, SET, R) \
   sp += 1 - POPS_##MODE;        \
   SET(sp - 1, R);               \
   NEXT;
-#define DELIVER_L(MODE, SET, R)                            \
-  psTypedValue* to = &locals[ip->c];                       \
-  sp -= POPS_##MODE;                                       \
-  if (PS_UNLIKELY(psIs(*to, kPsCountedFlags))) {           \
-    const psTypedValue old = *to;                          \
-    SET(to, R);                                            \
-    ReleaseValue(&old);                                    \
-    NEXT;                                                  \
-  }                                                        \
-  SET(to, R);                                              \
+#define DELIVER_L(MODE, SET, R)                  \
+  psTypedValue* to = &locals[ip->c];             \
+  sp -= POPS_##MODE;                             \
+  if (PS_UNLIKELY(psIs(*to, kPsCountedFlags))) { \
+    const psTypedValue old = *to;                \
+    SET(to, R);                                  \
+    ReleaseValue(&old);                          \
+    NEXT;                                        \
+  }                                              \
+  SET(to, R);                                    \
   NEXT;
 #define SLOW_S SLOW_TO_STACK
 #define SLOW_L SLOW_TO_LOCAL
 
 // Two doubles whose result the next operator or store takes without a box, or one that goes into a
 // local.
-#define DOUBLES_S(MODE, FLOATING)                                                             \
-  double i, j;                                                                                \
-  if (PS_LIKELY(ip->c == kPsTakesRawDouble) && readDouble(x, &i) && readDouble(y, &j)) {      \
-    const double r = FLOATING;                                                                \
-    releaseOwned(x, y, OWN_##MODE);                                                           \
-    sp += 1 - POPS_##MODE;                                                                    \
-    sp[-1].value.d = r;                                                                       \
-    sp[-1].meta = kPsRawDoubleFlag;                                                           \
-    NEXT;                                                                                     \
+#define DOUBLES_S(MODE, FLOATING)                                                        \
+  double i, j;                                                                           \
+  if (PS_LIKELY(ip->c == kPsTakesRawDouble) && readDouble(x, &i) && readDouble(y, &j)) { \
+    const double r = FLOATING;                                                           \
+    releaseOwned(x, y, OWN_##MODE);                                                      \
+    sp += 1 - POPS_##MODE;                                                               \
+    sp[-1].value.d = r;                                                                  \
+    sp[-1].meta = kPsRawDoubleFlag;                                                      \
+    NEXT;                                                                                \
   }
-#define DOUBLES_L(MODE, FLOATING)                                                             \
-  double i, j;                                                                                \
-  if (readDouble(x, &i) && readDouble(y, &j)) {                                               \
-    const double r = FLOATING;                                                                \
-    releaseOwned(x, y, OWN_##MODE);                                                           \
-    sp -= POPS_##MODE;                                                                        \
-    status = storeDouble(p->domain, &locals[ip->c], r, kPsObjectFlag);                        \
-    if (PS_UNLIKELY(status != kPsOkay)) {                                                     \
-      *sp++ = psInvalidValue();                                                               \
-      goto failed;                                                                            \
-    }                                                                                         \
-    NEXT;                                                                                     \
+#define DOUBLES_L(MODE, FLOATING)                                      \
+  double i, j;                                                         \
+  if (readDouble(x, &i) && readDouble(y, &j)) {                        \
+    const double r = FLOATING;                                         \
+    releaseOwned(x, y, OWN_##MODE);                                    \
+    sp -= POPS_##MODE;                                                 \
+    status = storeDouble(p->domain, &locals[ip->c], r, kPsObjectFlag); \
+    if (PS_UNLIKELY(status != kPsOkay)) {                              \
+      *sp++ = psInvalidValue();                                        \
+      goto failed;                                                     \
+    }                                                                  \
+    NEXT;                                                              \
   }
 
 // Two Integers, two Floats or two doubles; everything else is slow.
-#define ARITHMETIC(OP, MODE, DST, INTEGER, FLOATING)                                          \
-  L_##OP##MODE##_##DST : {                                                                    \
-    const psTypedValue* x = X_##MODE;                                                         \
-    const psTypedValue* y = Y_##MODE;                                                         \
-    const unsigned both = x->type_flags & y->type_flags;                                      \
-    if (PS_LIKELY(both & kPsIntegerFlag)) {                                                   \
-      const auto i = static_cast<uint64_t>(x->value.i);                                       \
-      const auto j = static_cast<uint64_t>(y->value.i);                                       \
-      const auto r = static_cast<int64_t>(INTEGER);                                           \
-      DELIVER_##DST(MODE, setInteger, r)                                                      \
-    }                                                                                         \
-    if (both & kPsFloatFlag) {                                                                \
-      const float i = x->value.f;                                                             \
-      const float j = y->value.f;                                                             \
-      const float r = FLOATING;                                                               \
-      DELIVER_##DST(MODE, setFloat, r)                                                        \
-    }                                                                                         \
-    DOUBLES_##DST(MODE, FLOATING)                                                             \
-    SLOW_##DST(OP, MODE)                                                                      \
+#define ARITHMETIC(OP, MODE, DST, INTEGER, FLOATING)     \
+  L_##OP##MODE##_##DST : {                               \
+    const psTypedValue* x = X_##MODE;                    \
+    const psTypedValue* y = Y_##MODE;                    \
+    const unsigned both = x->type_flags & y->type_flags; \
+    if (PS_LIKELY(both & kPsIntegerFlag)) {              \
+      const auto i = static_cast<uint64_t>(x->value.i);  \
+      const auto j = static_cast<uint64_t>(y->value.i);  \
+      const auto r = static_cast<int64_t>(INTEGER);      \
+      DELIVER_##DST(MODE, setInteger, r)                 \
+    }                                                    \
+    if (both & kPsFloatFlag) {                           \
+      const float i = x->value.f;                        \
+      const float j = y->value.f;                        \
+      const float r = FLOATING;                          \
+      DELIVER_##DST(MODE, setFloat, r)                   \
+    }                                                    \
+    DOUBLES_##DST(MODE, FLOATING) SLOW_##DST(OP, MODE)   \
   }
 #define X(OP, MODE, DST) ARITHMETIC(OP, MODE, DST, i + j, i + j)
-  PS_BINARY_MODES(X, Add, S) PS_BINARY_MODES(X, Add, L)
+  PS_BINARY_MODES(X, Add, S)
+  PS_BINARY_MODES(X, Add, L)
 #undef X
 #define X(OP, MODE, DST) ARITHMETIC(OP, MODE, DST, i - j, i - j)
-  PS_BINARY_MODES(X, Sub, S) PS_BINARY_MODES(X, Sub, L)
+      PS_BINARY_MODES(X, Sub, S) PS_BINARY_MODES(X, Sub, L)
 #undef X
-#define X(OP, MODE, DST) ARITHMETIC(OP, MODE, DST, i * j, i * j)
-  PS_BINARY_MODES(X, Mul, S) PS_BINARY_MODES(X, Mul, L)
+#define X(OP, MODE, DST) ARITHMETIC(OP, MODE, DST, i* j, i* j)
+          PS_BINARY_MODES(X, Mul, S) PS_BINARY_MODES(X, Mul, L)
 #undef X
 
 // Division gives a Float; by zero it is an error.
-#define DIVISION(OP, MODE, DST)                                                               \
-  L_##OP##MODE##_##DST : {                                                                    \
-    const psTypedValue* x = X_##MODE;                                                         \
-    const psTypedValue* y = Y_##MODE;                                                         \
-    const unsigned both = x->type_flags & y->type_flags;                                      \
-    if (PS_LIKELY((both & kPsFloatFlag) && y->value.f != 0.0f)) {                             \
-      const float r = x->value.f / y->value.f;                                                \
-      DELIVER_##DST(MODE, setFloat, r)                                                        \
-    }                                                                                         \
-    if ((both & kPsIntegerFlag) && y->value.i != 0) {                                         \
-      const float r = static_cast<float>(x->value.i) / static_cast<float>(y->value.i);        \
-      DELIVER_##DST(MODE, setFloat, r)                                                        \
-    }                                                                                         \
-    SLOW_##DST(OP, MODE)                                                                      \
+#define DIVISION(OP, MODE, DST)                                                        \
+  L_##OP##MODE##_##DST : {                                                             \
+    const psTypedValue* x = X_##MODE;                                                  \
+    const psTypedValue* y = Y_##MODE;                                                  \
+    const unsigned both = x->type_flags & y->type_flags;                               \
+    if (PS_LIKELY((both & kPsFloatFlag) && y->value.f != 0.0f)) {                      \
+      const float r = x->value.f / y->value.f;                                         \
+      DELIVER_##DST(MODE, setFloat, r)                                                 \
+    }                                                                                  \
+    if ((both & kPsIntegerFlag) && y->value.i != 0) {                                  \
+      const float r = static_cast<float>(x->value.i) / static_cast<float>(y->value.i); \
+      DELIVER_##DST(MODE, setFloat, r)                                                 \
+    }                                                                                  \
+    SLOW_##DST(OP, MODE)                                                               \
   }
-  PS_BINARY_MODES(DIVISION, Div, S) PS_BINARY_MODES(DIVISION, Div, L)
+              PS_BINARY_MODES(DIVISION, Div, S) PS_BINARY_MODES(DIVISION, Div, L)
 
-#define MODULO(OP, MODE, DST)                                                                 \
-  L_##OP##MODE##_##DST : {                                                                    \
-    const psTypedValue* x = X_##MODE;                                                         \
-    const psTypedValue* y = Y_##MODE;                                                         \
-    if (PS_LIKELY((x->type_flags & y->type_flags & kPsIntegerFlag) && y->value.i > 0)) {      \
-      const int64_t i = x->value.i;                                                           \
-      const int64_t j = y->value.i;                                                           \
-      /* A 32-bit division takes a fraction of the time of a 64-bit one. */                   \
-      const int64_t r = ((i | j) >> 32) == 0 ? static_cast<int64_t>(static_cast<uint32_t>(i) % \
-                                                                    static_cast<uint32_t>(j)) \
-                                             : i % j;                                         \
-      DELIVER_##DST(MODE, setInteger, r)                                                      \
-    }                                                                                         \
-    SLOW_##DST(OP, MODE)                                                                      \
+#define MODULO(OP, MODE, DST)                                                             \
+  L_##OP##MODE##_##DST : {                                                                \
+    const psTypedValue* x = X_##MODE;                                                     \
+    const psTypedValue* y = Y_##MODE;                                                     \
+    if (PS_LIKELY((x->type_flags & y->type_flags & kPsIntegerFlag) && y->value.i > 0)) {  \
+      const int64_t i = x->value.i;                                                       \
+      const int64_t j = y->value.i;                                                       \
+      /* A 32-bit division takes a fraction of the time of a 64-bit one. */               \
+      const int64_t r =                                                                   \
+          ((i | j) >> 32) == 0                                                            \
+              ? static_cast<int64_t>(static_cast<uint32_t>(i) % static_cast<uint32_t>(j)) \
+              : i % j;                                                                    \
+      DELIVER_##DST(MODE, setInteger, r)                                                  \
+    }                                                                                     \
+    SLOW_##DST(OP, MODE)                                                                  \
   }
-  PS_BINARY_MODES(MODULO, Mod, S) PS_BINARY_MODES(MODULO, Mod, L)
+                  PS_BINARY_MODES(MODULO, Mod, S) PS_BINARY_MODES(MODULO, Mod, L)
 
 // Bitwise on two Integers, logical on two Booleans.
-#define LOGIC(OP, MODE, DST, SYMBOL)                                                          \
-  L_##OP##MODE##_##DST : {                                                                    \
-    const psTypedValue* x = X_##MODE;                                                         \
-    const psTypedValue* y = Y_##MODE;                                                         \
-    const unsigned both = x->type_flags & y->type_flags;                                      \
-    if (both & kPsBooleanFlag) {                                                              \
-      const int64_t r = (x->value.i != 0)SYMBOL(y->value.i != 0);                             \
-      DELIVER_##DST(MODE, setBoolean, r)                                                      \
-    }                                                                                         \
-    if (both & kPsIntegerFlag) {                                                              \
-      const int64_t r = x->value.i SYMBOL y->value.i;                                         \
-      DELIVER_##DST(MODE, setInteger, r)                                                      \
-    }                                                                                         \
-    SLOW_##DST(OP, MODE)                                                                      \
+#define LOGIC(OP, MODE, DST, SYMBOL)                               \
+  L_##OP##MODE##_##DST : {                                         \
+    const psTypedValue* x = X_##MODE;                              \
+    const psTypedValue* y = Y_##MODE;                              \
+    const unsigned both = x->type_flags & y->type_flags;           \
+    if (both & kPsBooleanFlag) {                                   \
+      const int64_t r = (x->value.i != 0) SYMBOL(y->value.i != 0); \
+      DELIVER_##DST(MODE, setBoolean, r)                           \
+    }                                                              \
+    if (both & kPsIntegerFlag) {                                   \
+      const int64_t r = x->value.i SYMBOL y->value.i;              \
+      DELIVER_##DST(MODE, setInteger, r)                           \
+    }                                                              \
+    SLOW_##DST(OP, MODE)                                           \
   }
 #define X(OP, MODE, DST) LOGIC(OP, MODE, DST, &)
-  PS_BINARY_MODES(X, And, S) PS_BINARY_MODES(X, And, L)
+                      PS_BINARY_MODES(X, And, S) PS_BINARY_MODES(X, And, L)
 #undef X
 #define X(OP, MODE, DST) LOGIC(OP, MODE, DST, |)
-  PS_BINARY_MODES(X, Or, S) PS_BINARY_MODES(X, Or, L)
+                          PS_BINARY_MODES(X, Or, S) PS_BINARY_MODES(X, Or, L)
 #undef X
 
-#define POWER(OP, MODE, DST) L_##OP##MODE##_##DST : { SLOW_##DST(OP, MODE) }
-  PS_BINARY_MODES(POWER, Exp, S) PS_BINARY_MODES(POWER, Exp, L)
+#define POWER(OP, MODE, DST) L_##OP##MODE##_##DST : {SLOW_##DST(OP, MODE)}
+                              PS_BINARY_MODES(POWER, Exp, S) PS_BINARY_MODES(POWER, Exp, L)
 
-#define COMPARE_S(OP, MODE, SYMBOL)                                                           \
-  L_##OP##MODE##_S : {                                                                        \
-    const psTypedValue* x = X_##MODE;                                                         \
-    const psTypedValue* y = Y_##MODE;                                                         \
-    const unsigned both = x->type_flags & y->type_flags;                                      \
-    if (PS_LIKELY(both & kPsIntegerFlag)) {                                                   \
-      const int64_t r = -int64_t{x->value.i SYMBOL y->value.i};                               \
-      DELIVER_S(MODE, setBoolean, r)                                                          \
-    }                                                                                         \
-    if (both & kPsFloatFlag) {                                                                \
-      const int64_t r = -int64_t{x->value.f SYMBOL y->value.f};                               \
-      DELIVER_S(MODE, setBoolean, r)                                                          \
-    }                                                                                         \
-    SLOW_TO_STACK(OP, MODE)                                                                   \
+#define COMPARE_S(OP, MODE, SYMBOL)                             \
+  L_##OP##MODE##_S : {                                          \
+    const psTypedValue* x = X_##MODE;                           \
+    const psTypedValue* y = Y_##MODE;                           \
+    const unsigned both = x->type_flags & y->type_flags;        \
+    if (PS_LIKELY(both & kPsIntegerFlag)) {                     \
+      const int64_t r = -int64_t{x->value.i SYMBOL y->value.i}; \
+      DELIVER_S(MODE, setBoolean, r)                            \
+    }                                                           \
+    if (both & kPsFloatFlag) {                                  \
+      const int64_t r = -int64_t{x->value.f SYMBOL y->value.f}; \
+      DELIVER_S(MODE, setBoolean, r)                            \
+    }                                                           \
+    SLOW_TO_STACK(OP, MODE)                                     \
   }
-#define COMPARE_J(OP, MODE, SYMBOL)                                                           \
-  L_##OP##MODE##_J : {                                                                        \
-    const psTypedValue* x = X_##MODE;                                                         \
-    const psTypedValue* y = Y_##MODE;                                                         \
-    const unsigned both = x->type_flags & y->type_flags;                                      \
-    bool truth;                                                                               \
-    if (PS_LIKELY(both & kPsIntegerFlag)) {                                                   \
-      truth = x->value.i SYMBOL y->value.i;                                                   \
-    } else if (both & kPsFloatFlag) {                                                         \
-      truth = x->value.f SYMBOL y->value.f;                                                   \
-    } else {                                                                                  \
-      status = slowCompare(p->domain, x, y, OWN_##MODE, kOp##OP, &truth);                     \
-      if (PS_UNLIKELY(status != kPsOkay)) {                                                   \
-        sp += 1 - POPS_##MODE;                                                                \
-        sp[-1] = psInvalidValue();                                                            \
-        goto failed;                                                                          \
-      }                                                                                       \
-    }                                                                                         \
-    sp -= POPS_##MODE;                                                                        \
-    if (truth) NEXT;                                                                          \
-    ip += ip->jump;                                                                           \
-    DISPATCH;                                                                                 \
+#define COMPARE_J(OP, MODE, SYMBOL)                                       \
+  L_##OP##MODE##_J : {                                                    \
+    const psTypedValue* x = X_##MODE;                                     \
+    const psTypedValue* y = Y_##MODE;                                     \
+    const unsigned both = x->type_flags & y->type_flags;                  \
+    bool truth;                                                           \
+    if (PS_LIKELY(both & kPsIntegerFlag)) {                               \
+      truth = x->value.i SYMBOL y->value.i;                               \
+    } else if (both & kPsFloatFlag) {                                     \
+      truth = x->value.f SYMBOL y->value.f;                               \
+    } else {                                                              \
+      status = slowCompare(p->domain, x, y, OWN_##MODE, kOp##OP, &truth); \
+      if (PS_UNLIKELY(status != kPsOkay)) {                               \
+        sp += 1 - POPS_##MODE;                                            \
+        sp[-1] = psInvalidValue();                                        \
+        goto failed;                                                      \
+      }                                                                   \
+    }                                                                     \
+    sp -= POPS_##MODE;                                                    \
+    if (truth) NEXT;                                                      \
+    ip += ip->jump;                                                       \
+    DISPATCH;                                                             \
   }
 #define X_GT(OP, MODE, DST) COMPARE_##DST(OP, MODE, >)
 #define X_EQ(OP, MODE, DST) COMPARE_##DST(OP, MODE, ==)
@@ -2141,12 +2113,15 @@ L_Neg:
 #define X_LE(OP, MODE, DST) COMPARE_##DST(OP, MODE, <=)
 #define X_GE(OP, MODE, DST) COMPARE_##DST(OP, MODE, >=)
 #define X_NE(OP, MODE, DST) COMPARE_##DST(OP, MODE, !=)
-  PS_BINARY_MODES(X_GT, Gt, S) PS_BINARY_MODES(X_GT, Gt, J)
-  PS_BINARY_MODES(X_EQ, Eq, S) PS_BINARY_MODES(X_EQ, Eq, J)
-  PS_BINARY_MODES(X_LT, Lt, S) PS_BINARY_MODES(X_LT, Lt, J)
-  PS_BINARY_MODES(X_LE, Le, S) PS_BINARY_MODES(X_LE, Le, J)
-  PS_BINARY_MODES(X_GE, Ge, S) PS_BINARY_MODES(X_GE, Ge, J)
-  PS_BINARY_MODES(X_NE, Ne, S) PS_BINARY_MODES(X_NE, Ne, J)
+                                  PS_BINARY_MODES(X_GT, Gt, S) PS_BINARY_MODES(X_GT, Gt, J)
+                                      PS_BINARY_MODES(X_EQ, Eq, S) PS_BINARY_MODES(X_EQ, Eq, J)
+                                          PS_BINARY_MODES(X_LT, Lt, S) PS_BINARY_MODES(X_LT, Lt, J)
+                                              PS_BINARY_MODES(X_LE, Le, S)
+                                                  PS_BINARY_MODES(X_LE, Le, J)
+                                                      PS_BINARY_MODES(X_GE, Ge, S)
+                                                          PS_BINARY_MODES(X_GE, Ge, J)
+                                                              PS_BINARY_MODES(X_NE, Ne, S)
+                                                                  PS_BINARY_MODES(X_NE, Ne, J)
 }
 
 #pragma GCC diagnostic pop

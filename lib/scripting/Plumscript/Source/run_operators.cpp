@@ -21,18 +21,12 @@ bool isComparison(uint8_t op) { return op >= kOpGt && op <= kOpNe; }
 template <class T>
 bool compare(uint8_t op, const T& x, const T& y) {
   switch (op) {
-    case kOpGt:
-      return x > y;
-    case kOpEq:
-      return x == y;
-    case kOpLt:
-      return x < y;
-    case kOpLe:
-      return x <= y;
-    case kOpGe:
-      return x >= y;
-    default:
-      return x != y;
+    case kOpGt: return x > y;
+    case kOpEq: return x == y;
+    case kOpLt: return x < y;
+    case kOpLe: return x <= y;
+    case kOpGe: return x >= y;
+    default: return x != y;
   }
 }
 
@@ -76,26 +70,16 @@ psStatus doubleOperator(pscDomain* domain, double x, double y, uint8_t op, const
     return kPsOkay;
   }
   switch (op) {
-    case kOpAdd:
-      return doubleResult(domain, x + y, result);
-    case kOpSub:
-      return doubleResult(domain, x - y, result);
-    case kOpMul:
-      return doubleResult(domain, x * y, result);
-    case kOpExp:
-      return doubleResult(domain, std::pow(x, y), result);
-    case kOpDiv:
-      return y == 0.0 ? psStatus{kPsDivideByZero} : doubleResult(domain, x / y, result);
-    case kOpAnd:
-      *result = psIntegerValue(IntVal(a) & IntVal(b));
-      return kPsOkay;
-    case kOpOr:
-      *result = psIntegerValue(IntVal(a) | IntVal(b));
-      return kPsOkay;
+    case kOpAdd: return doubleResult(domain, x + y, result);
+    case kOpSub: return doubleResult(domain, x - y, result);
+    case kOpMul: return doubleResult(domain, x * y, result);
+    case kOpExp: return doubleResult(domain, std::pow(x, y), result);
+    case kOpDiv: return y == 0.0 ? psStatus{kPsDivideByZero} : doubleResult(domain, x / y, result);
+    case kOpAnd: *result = psIntegerValue(IntVal(a) & IntVal(b)); return kPsOkay;
+    case kOpOr: *result = psIntegerValue(IntVal(a) | IntVal(b)); return kPsOkay;
     case kOpMod:
       return doubleResult(domain, static_cast<double>(remainder(IntVal(a), IntVal(b))), result);
-    default:
-      return kPsUndefinedOp;
+    default: return kPsUndefinedOp;
   }
 }
 
@@ -106,15 +90,9 @@ psStatus floatOperator(float x, float y, uint8_t op, const psTypedValue* a, cons
     return kPsOkay;
   }
   switch (op) {
-    case kOpAdd:
-      *result = psFloatValue(x + y);
-      return kPsOkay;
-    case kOpSub:
-      *result = psFloatValue(x - y);
-      return kPsOkay;
-    case kOpMul:
-      *result = psFloatValue(x * y);
-      return kPsOkay;
+    case kOpAdd: *result = psFloatValue(x + y); return kPsOkay;
+    case kOpSub: *result = psFloatValue(x - y); return kPsOkay;
+    case kOpMul: *result = psFloatValue(x * y); return kPsOkay;
     case kOpDiv:
       *result = psFloatValue(y == 0.0f ? 0.0f : x / y);
       return y == 0.0f ? kPsDivideByZero : kPsOkay;
@@ -122,17 +100,12 @@ psStatus floatOperator(float x, float y, uint8_t op, const psTypedValue* a, cons
       *result = psFloatValue(
           static_cast<float>(std::pow(static_cast<double>(x), static_cast<double>(y))));
       return kPsOkay;
-    case kOpAnd:
-      *result = psIntegerValue(IntVal(a) & IntVal(b));
-      return kPsOkay;
-    case kOpOr:
-      *result = psIntegerValue(IntVal(a) | IntVal(b));
-      return kPsOkay;
+    case kOpAnd: *result = psIntegerValue(IntVal(a) & IntVal(b)); return kPsOkay;
+    case kOpOr: *result = psIntegerValue(IntVal(a) | IntVal(b)); return kPsOkay;
     case kOpMod:
       *result = psFloatValue(static_cast<float>(remainder(IntVal(a), IntVal(b))));
       return kPsOkay;
-    default:
-      return kPsUndefinedOp;
+    default: return kPsUndefinedOp;
   }
 }
 
@@ -165,20 +138,11 @@ psStatus booleanOperator(const psTypedValue* a, const psTypedValue* b, uint8_t o
   bool y;
   if (!GetBoolValue(a, &x) || !GetBoolValue(b, &y)) return kPsTypeMismatch;
   switch (op) {
-    case kOpEq:
-      *result = psBooleanValue(x == y);
-      return kPsOkay;
-    case kOpNe:
-      *result = psBooleanValue(x != y);
-      return kPsOkay;
-    case kOpAnd:
-      *result = psBooleanValue(x && y);
-      return kPsOkay;
-    case kOpOr:
-      *result = psBooleanValue(x || y);
-      return kPsOkay;
-    default:
-      return kPsTypeMismatch;
+    case kOpEq: *result = psBooleanValue(x == y); return kPsOkay;
+    case kOpNe: *result = psBooleanValue(x != y); return kPsOkay;
+    case kOpAnd: *result = psBooleanValue(x && y); return kPsOkay;
+    case kOpOr: *result = psBooleanValue(x || y); return kPsOkay;
+    default: return kPsTypeMismatch;
   }
 }
 
@@ -237,15 +201,9 @@ psStatus DoIntegerOperator(int64_t x, int64_t y, uint8_t op, psTypedValue* resul
     return kPsOkay;
   }
   switch (op) {
-    case kOpAdd:
-      *result = psIntegerValue(wrapAdd(x, y));
-      return kPsOkay;
-    case kOpSub:
-      *result = psIntegerValue(wrapSub(x, y));
-      return kPsOkay;
-    case kOpMul:
-      *result = psIntegerValue(wrapMul(x, y));
-      return kPsOkay;
+    case kOpAdd: *result = psIntegerValue(wrapAdd(x, y)); return kPsOkay;
+    case kOpSub: *result = psIntegerValue(wrapSub(x, y)); return kPsOkay;
+    case kOpMul: *result = psIntegerValue(wrapMul(x, y)); return kPsOkay;
     case kOpDiv:
       *result = psFloatValue(y == 0 ? 0.0f : static_cast<float>(x) / static_cast<float>(y));
       return y == 0 ? kPsDivideByZero : kPsOkay;
@@ -254,18 +212,10 @@ psStatus DoIntegerOperator(int64_t x, int64_t y, uint8_t op, psTypedValue* resul
                             std::pow(static_cast<double>(x), static_cast<double>(y))))
                       : psIntegerValue(integerPower(x, y));
       return kPsOkay;
-    case kOpAnd:
-      *result = psIntegerValue(x & y);
-      return kPsOkay;
-    case kOpOr:
-      *result = psIntegerValue(x | y);
-      return kPsOkay;
-    case kOpMod:
-      *result = psIntegerValue(remainder(x, y));
-      return kPsOkay;
-    default:
-      *result = psIntegerValue(0);
-      return kPsUndefinedOp;
+    case kOpAnd: *result = psIntegerValue(x & y); return kPsOkay;
+    case kOpOr: *result = psIntegerValue(x | y); return kPsOkay;
+    case kOpMod: *result = psIntegerValue(remainder(x, y)); return kPsOkay;
+    default: *result = psIntegerValue(0); return kPsUndefinedOp;
   }
 }
 
@@ -420,8 +370,7 @@ psStatus AddDim(pscInstance* array, int32_t count, int32_t size) {
   cl->if_enum->Reset(array);
   while (status == kPsOkay && cl->if_enum->IsNext(array)) {
     const psTypedValue inner = cl->if_enum->Next(array);
-    psAssertText(psIs(inner, kPsObjectFlag),
-                 "(r.type_flags&(1<<((enum psTypeEnum)psComponent)))");
+    psAssertText(psIs(inner, kPsObjectFlag), "(r.type_flags&(1<<((enum psTypeEnum)psComponent)))");
     status = AddDim(inner.value.psc, count, size);
     ReleaseValue(&inner);
   }

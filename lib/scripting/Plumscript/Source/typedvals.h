@@ -1,9 +1,9 @@
 // Script values.
 //
-// A value is sixteen bytes: an eight-byte payload and a word of which the low sixteen bits say how to
-// read it. Exactly one storage bit is set in type_flags (bit T stands for psTypeEnum value T); bits 14
-// and 15 are modifiers. Only Object and ThisSub values own something: one reference on their
-// component. Copying such a value takes a reference, dropping it releases one.
+// A value is sixteen bytes: an eight-byte payload and a word of which the low sixteen bits say how
+// to read it. Exactly one storage bit is set in type_flags (bit T stands for psTypeEnum value T);
+// bits 14 and 15 are modifiers. Only Object and ThisSub values own something: one reference on
+// their component. Copying such a value takes a reference, dropping it releases one.
 //
 // There is no storage kind for Double or for computed text: both are Objects (koIntrinsicDouble and
 // any class with the string interface, as a rule koString).
@@ -79,14 +79,14 @@ constexpr uint16_t kPsCountedFlags = kPsObjectFlag | kPsThisSubFlag;
 
 struct psTypedValue {
   union {
-    int64_t i;                // Integer (sign-extended), Boolean (non-zero is true), Function index
-    float f;                  // Float, in the first four bytes
-    double d;                 // an unboxed double between two operators of one expression
-    pscInstance* psc;         // Object, ThisSub: one counted reference
-    const char* text;         // StringConstant: not owned; null reads as empty
+    int64_t i;         // Integer (sign-extended), Boolean (non-zero is true), Function index
+    float f;           // Float, in the first four bytes
+    double d;          // an unboxed double between two operators of one expression
+    pscInstance* psc;  // Object, ThisSub: one counted reference
+    const char* text;  // StringConstant: not owned; null reads as empty
     const psInterface* iface;  // Interface: not counted
-    const fundes* member;     // ComponentMemberFunction: not owned
-    void* ptr;                // VoidPtr: not owned
+    const fundes* member;      // ComponentMemberFunction: not owned
+    void* ptr;                 // VoidPtr: not owned
   } value;
   union {
     struct {
