@@ -289,9 +289,6 @@ void advanceEnumeration(psAssocArray* me) {
   __builtin_prefetch(me->enum_entry);
 }
 
-// Calls visit for every entry, which it may free, in an order of no meaning: one of each bucket in
-// turn. Neighbours in a bucket lie far apart, so following one list at a time would wait for memory
-// at every step; sixteen at a time do not, and meet the entries much as they were made.
 psAssocEntry* newEntry(psText key, uint32_t hash, const psTypedValue& value) {
   if (key.size() > kPsMaxTextLength) return nullptr;
   const size_t size = entrySize(key.size());
