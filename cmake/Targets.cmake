@@ -27,25 +27,21 @@ set(ORVEX_STANDARD_HEADERS
   <unordered_map> <utility> <vector>)
 orvex_pch(orvex_standard_pch ${ORVEX_STANDARD_HEADERS})
 
-# Links those of the targets that exist: a library whose folder has no sources yet has none.
-function(orvex_link target visibility)
-  foreach(library IN LISTS ARGN)
-    if(TARGET ${library})
-      target_link_libraries(${target} ${visibility} ${library})
-    endif()
-  endforeach()
-endfunction()
-
-# orvex_library(TARGET [LIBRARY ...]): a static library; those after it are linked publicly.
+# orvex_library(TARGET [LIBRARY ...] [SOURCES FILE ...]): a static library; the libraries are linked
+# publicly. Without SOURCES it takes the .cpp files of the folder.
 # Includes name files from the repository's root ("lib/platform/device_path.h").
 function(orvex_library target)
-  file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES")
+  set(sources ${arg_SOURCES})
+  if(NOT sources)
+    file(GLOB sources CONFIGURE_DEPENDS *.cpp)
+  endif()
   if(NOT sources)
     return()
   endif()
   add_library(${target} STATIC ${sources})
   target_include_directories(${target} PUBLIC ${CMAKE_SOURCE_DIR})
-  orvex_link(${target} PUBLIC ${ARGN})
+  target_link_libraries(${target} PUBLIC ${arg_UNPARSED_ARGUMENTS})
   orvex_use_pch(${target} orvex_standard_pch)
 endfunction()
 
@@ -59,7 +55,7 @@ function(orvex_program target main_library)
   add_executable(${target} ${sources})
   target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR})
   target_compile_definitions(${target} PRIVATE ORVEX_VERSION="${PROJECT_VERSION}")
-  orvex_link(${target} PRIVATE ${main_library} ${ARGN})
+  target_link_libraries(${target} PRIVATE ${main_library} ${ARGN})
   orvex_use_pch(${target} orvex_standard_pch)
 endfunction()
 
