@@ -1,0 +1,25 @@
+// Rebooting the device and switching it off.
+#pragma once
+
+#include "lib/platform/singleton.h"
+
+// Why the device is rebooted; the number is part of the log line.
+enum class RebootReason {
+  kScriptHost = 3,  // the script host gave up: no script, or one that failed
+  kRequested = 4,   // a script or the operator asked for it
+};
+
+// The one place that may stop the machine. On a device the service manager is asked, which ends
+// this process by SIGTERM as its own first step. In a device root the machine is not ours: the
+// request is logged and ends this process only, in the way that the device's SIGTERM would.
+//
+// Callable from any thread; both requests return, the end comes a little later. A second request
+// changes nothing.
+class PowerManager : public lattix::Singleton<PowerManager> {
+ public:
+  void Reboot(RebootReason reason);
+  void ShutDown();
+
+ private:
+  void Ask(const char* verb);
+};
