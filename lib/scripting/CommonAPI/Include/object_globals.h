@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "lib/hardware/hardware_config.h"
 #include "lib/platform/poll_thread.h"
 #include "lib/platform/singleton.h"
 #include "lib/scripting/filename_mapper.h"
@@ -21,6 +22,10 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
   // object that asks starts it, with all signals blocked, and it ends with the globals.
   PollThread& GetPollThread();
 
+  // The unit's description. Like the poll thread: of whoever starts the process, or made for the
+  // first object that asks.
+  HardwareConfig& GetHardwareConfig();
+
   // Whether scripts place their widgets in zones; off until a script asks for it.
   bool IsZoneSupportEnabled() const { return m_zone_support; }
   void EnableZoneSupport(bool enable) { m_zone_support = enable; }
@@ -29,5 +34,7 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
   FilenameMapper m_filename_mapper;
   std::atomic<bool> m_zone_support{false};
   std::mutex m_mutex;
-  std::unique_ptr<PollThread> m_poll_thread;  // guarded by m_mutex; null: somebody else's, or none
+  // Guarded by m_mutex; null: somebody else's, or none.
+  std::unique_ptr<PollThread> m_poll_thread;
+  std::unique_ptr<HardwareConfig> m_hardware_config;
 };

@@ -31,3 +31,9 @@ PollThread& KelvoObjectGlobals::GetPollThread() {
   }
   return PollThread::GetInstance();
 }
+
+HardwareConfig& KelvoObjectGlobals::GetHardwareConfig() {
+  const std::lock_guard lock(m_mutex);
+  if (!HardwareConfig::Exists()) m_hardware_config = std::make_unique<HardwareConfig>();
+  return HardwareConfig::GetInstance();
+}
