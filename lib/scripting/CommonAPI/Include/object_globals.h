@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "lib/hardware/hardware_config.h"
+#include "lib/platform/dispatch_queue.h"
 #include "lib/platform/poll_thread.h"
 #include "lib/platform/singleton.h"
 #include "lib/scripting/filename_mapper.h"
@@ -26,6 +27,10 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
   // first object that asks.
   HardwareConfig& GetHardwareConfig();
 
+  // Where files are made durable without the script waiting for the medium. As with the poll
+  // thread, the first user starts it; what is still queued when the globals go is dropped.
+  DispatchQueue& GetFlushQueue();
+
   // Whether scripts place their widgets in zones; off until a script asks for it.
   bool IsZoneSupportEnabled() const { return m_zone_support; }
   void EnableZoneSupport(bool enable) { m_zone_support = enable; }
@@ -37,4 +42,5 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
   // Guarded by m_mutex; null: somebody else's, or none.
   std::unique_ptr<PollThread> m_poll_thread;
   std::unique_ptr<HardwareConfig> m_hardware_config;
+  std::unique_ptr<DispatchQueue> m_flush_queue;
 };

@@ -2,12 +2,20 @@
 // at the place that the catalogue of classes gives it.
 #include "lib/scripting/CommonAPI/Include/class_registry.h"
 
+#include "lib/scripting/CommonAPI/Include/file_objects.h"
+#include "lib/scripting/CommonAPI/Include/registry_objects.h"
 #include "lib/scripting/CommonAPI/Include/stream_events.h"
 
 namespace {
 
 // clang-format off
 constexpr pscClass* kClasses[] = {
+    &RegistryInstance::sm_class,
+    &RegistrySectionInstance::sm_class,
+    &ReadFileInstance::sm_class,
+    &ReadWriteFileInstance::sm_class,
+    &CreateFileInstance::sm_class,
+    &AppendFileInstance::sm_class,
     &StreamByteEventInstance::sm_class,
     &StreamLineEventInstance::sm_class,
     &StreamEndEventInstance::sm_class,

@@ -37,3 +37,12 @@ HardwareConfig& KelvoObjectGlobals::GetHardwareConfig() {
   if (!HardwareConfig::Exists()) m_hardware_config = std::make_unique<HardwareConfig>();
   return HardwareConfig::GetInstance();
 }
+
+DispatchQueue& KelvoObjectGlobals::GetFlushQueue() {
+  const std::lock_guard lock(m_mutex);
+  if (m_flush_queue == nullptr) {
+    const AllSignalsBlocked blocked;
+    m_flush_queue = std::make_unique<DispatchQueue>("flush");
+  }
+  return *m_flush_queue;
+}
