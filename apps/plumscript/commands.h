@@ -6,6 +6,8 @@
 
 // FILE, ARG ...
 int RunScript(std::span<const char* const> operands);
+// The same with the debugger attached.
+int DebugScript(std::span<const char* const> operands);
 // FILE ...: the highest status of all files.
 int CheckScripts(std::span<const char* const> files);
 int DisassembleScript(const char* file);

@@ -268,13 +268,19 @@ void Host::PrintRuntimeError() {
   Out().Error(text);
 }
 
-Host::Run::Run(Host& host) {
+void Host::TakeBreaks() {
   g_interrupts = 0;
-  g_running = host.m_process;
-  if (TakeInterrupt()) scriptBreak(host.m_process, kPsBreak);
+  g_running = m_process;
+  if (TakeInterrupt()) scriptBreak(m_process, kPsBreak);
 }
 
-Host::Run::~Run() { g_running = nullptr; }
+void Host::LeaveBreaks() { g_running = nullptr; }
+
+Host::Run::Run(Host& host) { host.TakeBreaks(); }
+Host::Run::~Run() { LeaveBreaks(); }
+
+Host::Pause::Pause(Host& host) : m_host(host) { LeaveBreaks(); }
+Host::Pause::~Pause() { m_host.TakeBreaks(); }
 
 // --- Signals and the end ----------------------------------------------------------------------
 

@@ -45,6 +45,19 @@ class Host {
     Run& operator=(const Run&) = delete;
   };
 
+  // While a person decides what the run does next: a SIGINT is not its business, and the first one
+  // afterwards breaks it again.
+  class Pause {
+   public:
+    explicit Pause(Host& host);
+    ~Pause();
+    Pause(const Pause&) = delete;
+    Pause& operator=(const Pause&) = delete;
+
+   private:
+    Host& m_host;
+  };
+
   // What a script asked of the device: an exit status, or kExitNormal.
   ExitStatus requested() const { return m_requested; }
 
@@ -52,6 +65,9 @@ class Host {
   static void Request(ExitStatus status, const char* log);
   static void Sleep(pscDomain* domain, int32_t milliseconds);
   void InstallHooks();
+  // From now on a SIGINT breaks the script, or does not.
+  void TakeBreaks();
+  static void LeaveBreaks();
 
   KelvoObjectGlobals m_globals;
   FilenameMapper& m_mapper = m_globals.GetFilenameMapper();

@@ -32,6 +32,7 @@ int WrongUsage(const std::string& reason) {
 int Dispatch(const Options& options) {
   switch (options.command) {
     case Command::kRun: return RunScript(options.operands);
+    case Command::kDebug: return DebugScript(options.operands);
     case Command::kCheck: return CheckScripts(options.operands);
     case Command::kDisasm: return DisassembleScript(options.operands[0]);
     case Command::kRepl: return RunInteractively();

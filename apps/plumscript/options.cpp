@@ -7,6 +7,7 @@ const char kUsage[] =
     "usage: plumscript run [--root DIR] FILE [ARG ...]\n"
     "       plumscript check FILE ...\n"
     "       plumscript disasm FILE\n"
+    "       plumscript debug [--root DIR] FILE [ARG ...]\n"
     "       plumscript repl [--root DIR]\n"
     "       plumscript classes [NAME]\n"
     "       plumscript --help | --version\n";
@@ -17,6 +18,10 @@ const char kHelp[] =
     "array\n"
     "  check    compile each FILE and tell what is wrong\n"
     "  disasm   each function's source lines, followed by their instructions\n"
+    "  debug    run FILE and stop in the debugger at an error, a STOP or Ctrl-C; its commands "
+    "come\n"
+    "           from standard input (help lists them), what it tells goes to standard error, on a\n"
+    "           terminal to where the script prints\n"
     "  repl     run the statements typed, one after the other\n"
     "  classes  list the classes, or the methods of the class NAME\n"
     "\n"
@@ -27,7 +32,7 @@ const char kHelp[] =
     "Exit status: 0 normal end, 1 FILE did not compile, 2 runtime error, 3 FILE is not there or "
     "is\n"
     "no file, 4 script restart, 5 application restart, 6 reboot, 7 shutdown requested, 64 wrong\n"
-    "usage.\n";
+    "usage. A run that ends in the debugger has ended normally.\n";
 
 namespace {
 
@@ -43,10 +48,10 @@ struct CommandRow {
 };
 
 constexpr CommandRow kCommands[] = {
-    {"run", Command::kRun, true, 1, kAnyNumber},   {"check", Command::kCheck, false, 1, kAnyNumber},
-    {"disasm", Command::kDisasm, false, 1, 1},     {"repl", Command::kRepl, true, 0, 0},
-    {"classes", Command::kClasses, false, 0, 1},   {kHelpOption, Command::kHelp, false, 0, 0},
-    {"--version", Command::kVersion, false, 0, 0},
+    {"run", Command::kRun, true, 1, kAnyNumber}, {"check", Command::kCheck, false, 1, kAnyNumber},
+    {"disasm", Command::kDisasm, false, 1, 1},   {"debug", Command::kDebug, true, 1, kAnyNumber},
+    {"repl", Command::kRepl, true, 0, 0},        {"classes", Command::kClasses, false, 0, 1},
+    {kHelpOption, Command::kHelp, false, 0, 0},  {"--version", Command::kVersion, false, 0, 0},
 };
 
 const CommandRow* FindCommand(const char* name) {

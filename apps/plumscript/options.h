@@ -4,12 +4,12 @@
 #include <span>
 #include <string>
 
-enum class Command { kRun, kCheck, kDisasm, kRepl, kClasses, kHelp, kVersion };
+enum class Command { kRun, kCheck, kDisasm, kDebug, kRepl, kClasses, kHelp, kVersion };
 
 struct Options {
   Command command = Command::kHelp;
   const char* root = nullptr;  // --root; null when not given
-  // run: FILE and the ARGs. check: the FILEs. disasm: FILE. classes: NAME, if given.
+  // run, debug: FILE and the ARGs. check: the FILEs. disasm: FILE. classes: NAME, if given.
   std::span<const char* const> operands;
 };
 

@@ -1,10 +1,11 @@
 // run and check: compile native files, and run the Main of one.
+#include <algorithm>
+
 #include "apps/plumscript/commands.h"
 #include "apps/plumscript/host.h"
+#include "apps/plumscript/run.h"
 #include "lib/scripting/Plumscript/Source/clwrappers.h"
 #include "lib/scripting/Plumscript/Source/containers.h"
-
-#include <algorithm>
 
 namespace {
 
@@ -25,10 +26,10 @@ pscInstance* ArgumentArray(pscDomain* domain, std::span<const char* const> argum
   return array;
 }
 
-bool RunMain(Host& host, std::span<const char* const> arguments) {
+bool RunMain(Host& host, std::span<const char* const> arguments, psDebugSession* session) {
   psProc* p = host.process();
   psFunction* main = p->mod->main_function;
-  if (main == nullptr || main->parameters() == 0) return scriptRun(p, host.console(), nullptr);
+  if (main == nullptr || main->parameters() == 0) return scriptRun(p, host.console(), session);
 
   pscInstance* array = ArgumentArray(p->domain, arguments);
   if (array == nullptr) {
@@ -37,7 +38,7 @@ bool RunMain(Host& host, std::span<const char* const> arguments) {
   }
   psTypedValue value = psObjectValue(array);
   psTypedValue result = psUninitializedValue();
-  const bool normal = scriptRunFunction(p, host.console(), nullptr, main, &value, 1, &result);
+  const bool normal = scriptRunFunction(p, host.console(), session, main, &value, 1, &result);
   ReleaseValue(&result);
   pscSubRef(array);
   return normal;
@@ -45,19 +46,23 @@ bool RunMain(Host& host, std::span<const char* const> arguments) {
 
 }  // namespace
 
-int RunScript(std::span<const char* const> operands) {
-  Host host;
+int RunFile(Host& host, std::span<const char* const> operands, psDebugSession* session) {
   const ExitStatus compiled = host.CompileFile(operands[0]);
   if (compiled != kExitNormal) return compiled;
   bool normal;
   {
     const Host::Run run(host);
-    normal = RunMain(host, operands.subspan(1));
+    normal = RunMain(host, operands.subspan(1), session);
   }
   if (host.requested() != kExitNormal) return host.requested();
   if (normal) return kExitNormal;
   host.PrintRuntimeError();
   return kExitRuntimeError;
+}
+
+int RunScript(std::span<const char* const> operands) {
+  Host host;
+  return RunFile(host, operands, nullptr);
 }
 
 int CheckScripts(std::span<const char* const> files) {

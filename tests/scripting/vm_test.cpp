@@ -19,6 +19,7 @@
 #include "hooks.h"
 #include "publicapis.h"
 #include "run.h"
+#include "run_debugger.h"
 #include "run_decode.h"
 
 namespace {

@@ -60,8 +60,8 @@ psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction*
 
 // Takes back what a LiveCompile appended, once it has run: a function has room for so many labels
 // and so much code, and a session of any number of statements in one of them must not use it up.
-// The mark is taken before the LiveCompile; the function's frame must be the innermost and stands
-// before the appended code. Variables, constants and anonymous functions stay.
+// The mark is taken before the LiveCompile; frames of the function, inner and outer ones, stand before
+// the appended code. Variables, constants and anonymous functions stay.
 struct psLiveMark {
   size_t code;
   size_t labels;

@@ -117,6 +117,9 @@ void modUnlink(psModule* module);
 void subFree(psFunction* function);
 // Drops the interpreter's decoded forms of a function; they are the interpreter's own.
 void psFreeDecoded(psFunction* function);
+// The same for what was made from the code at an offset, where appended code began, and behind it;
+// frames may go on running the rest.
+void psFreeDecodedFrom(psFunction* function, uint32_t pc);
 
 // Indexes of constants and names, appended when new.
 uint32_t AddIntConstant(psModule* module, int32_t value);

@@ -213,7 +213,7 @@ psLiveMark LiveMark(const psModule* module, const psFunction* function) {
 }
 
 void LiveForget(psModule* module, psFunction* function, const psLiveMark& mark) {
-  psFreeDecoded(function);
+  psFreeDecodedFrom(function, static_cast<uint32_t>(mark.code));
   function->code.resize(mark.code);
   function->labels.resize(mark.labels);
   function->label_positions.resize(mark.labels);

@@ -9,6 +9,7 @@
 #include "containers.h"
 #include "hooks.h"
 #include "run.h"
+#include "run_debugger.h"
 
 namespace {
 
@@ -238,23 +239,4 @@ void scriptRequestEnd(psProc* p) {
 bool pscBreakPending(const pscDomain* domain) {
   const std::atomic<uint32_t>* word = domain->running_break_word;
   return word != nullptr && (word->load(std::memory_order_acquire) & kPsBreakCodeMask) != 0;
-}
-
-// --- Debugger sessions ------------------------------------------------------------------------
-
-void DebugAttachSession(psProc* p, psDebugSession* session) {
-  psAssertText(p->debug_session == nullptr, "code->debug_session == ((void *)0)");
-  p->debug_session = session;
-  if (session->attach_hook != nullptr) session->attach_hook(p);
-}
-
-void DebugDetachSession(psProc* p) {
-  psAssert(p->debug_session != nullptr);
-  if (p->debug_session->detach_hook != nullptr) p->debug_session->detach_hook(p);
-  p->debug_session = nullptr;
-}
-
-void DebugDeleteSession(psDebugSession* session) {
-  if (session->delete_hook != nullptr) session->delete_hook(session);
-  delete session;
 }

@@ -17,7 +17,7 @@ constexpr int kPsStackSlots = 1024;
 constexpr int kPsFrameLimit = 960;
 
 struct psInstruction;   // run_decode.h
-struct psDebugSession;  // the debugger's
+struct psDebugSession;  // run_debugger.h
 
 // One call frame.
 struct subctx {
@@ -84,21 +84,6 @@ extern std::mutex psChainLock;
 constexpr int kPsMaxEvalDepth = 100;
 constexpr int kPsMaxRunDepth = 50;
 
-// What the interpreter calls of an attached debugger.
-struct psDebugSession {
-  // Before every instruction while the step flag is set; true stops with 248.
-  bool (*step_hook)(psProc* p, uint32_t pc) = nullptr;
-  // A run stopped with a status; the next status (255 continues).
-  psStatus (*shell)(psProc* p) = nullptr;
-  void (*entry_hook)(psProc* p, int what, psFunction* function) = nullptr;  // 0 push, 1 pop, 2 exit
-  void (*attach_hook)(psProc* p) = nullptr;
-  void (*detach_hook)(psProc* p) = nullptr;
-  void (*delete_hook)(psDebugSession* session) = nullptr;
-};
-void DebugAttachSession(psProc* p, psDebugSession* session);
-void DebugDetachSession(psProc* p);
-void DebugDeleteSession(psDebugSession* session);
-
 // The process-wide instruction counter, read by watchdogs. Written by the interpreter only.
 extern std::atomic<uint32_t> psInstructionCounter;
 
@@ -111,13 +96,14 @@ psStatus RunExecLoop(psProc* p);
 // failure the arguments are still on the stack.
 psStatus psPushFrame(psProc* p, psFunction* function, int n, pscInstance* m);
 void psPopFrame(psProc* p);
-// Makes room in the current frame for variables its function has gained; moves what lies above.
-// False when the stack has no room for them.
+// Makes room in the current frame for variables its function has gained; moves what lies above, the
+// frames there included (a debugger makes an outer frame the current one). False when the stack has
+// no room for them.
 bool ResizeLocalStorage(psProc* p);
 
 // Code appended to the current frame's function runs from start until it stops; what it leaves on
 // the stack is discarded and the frame's position restored. Used by Eval and the debugger. 252 is a
-// normal end.
+// normal end. The current frame need not be the innermost one: the code works above all of them.
 psStatus psRunAppended(psProc* p, uint32_t start);
 
 // A frame that outlives what runs in it, for hosts that run statements one after the other: sets

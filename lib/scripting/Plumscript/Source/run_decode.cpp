@@ -871,4 +871,12 @@ void psFreeDecoded(psFunction* function) {
   }
 }
 
+void psFreeDecodedFrom(psFunction* function, uint32_t pc) {
+  psDecodedCode* chunk = function->decoded;
+  if (chunk == nullptr || chunk->end > pc) return psFreeDecoded(function);
+  while (chunk->newer != nullptr && chunk->newer->end <= pc) chunk = chunk->newer.get();
+  chunk->newer = nullptr;
+  function->decoded->newest = chunk;
+}
+
 void psSetFusion(bool enabled) { fusion_enabled = enabled; }

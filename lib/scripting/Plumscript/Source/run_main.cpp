@@ -20,6 +20,7 @@
 #include "containers.h"
 #include "publicapis.h"
 #include "run.h"
+#include "run_debugger.h"
 #include "run_decode.h"
 
 std::atomic<uint32_t> psInstructionCounter{0};
@@ -797,12 +798,14 @@ inline void releaseRange(psTypedValue* from, const psTypedValue* to) {
   }
 }
 
+inline bool hasEntryHook(const psProc* p) {
+  return PS_UNLIKELY(p->debug_session != nullptr) && p->debug_session->entry_hook != nullptr;
+}
+
 inline void leaveFrame(psProc* p, subctx* frame) {
   p->ctx = frame->prev;
   p->frame_count--;
-  if (PS_UNLIKELY(p->debug_session != nullptr) && p->debug_session->entry_hook != nullptr) {
-    p->debug_session->entry_hook(p, 1, nullptr);
-  }
+  if (PS_UNLIKELY(hasEntryHook(p))) p->debug_session->entry_hook(p, 1, nullptr);
 }
 
 inline psTypedValue* stackEnd(psProc* p) { return p->eval_stack + kPsStackSlots; }
@@ -936,9 +939,7 @@ psStatus psPushFrame(psProc* p, psFunction* function, int n, pscInstance* m) {
   if (end > p->eval_stack + kPsFrameLimit || p->frame_count >= kPsMaxFrames) {
     return kPsStackOverflow;
   }
-  if (PS_UNLIKELY(p->debug_session != nullptr) && p->debug_session->entry_hook != nullptr) {
-    p->debug_session->entry_hook(p, 0, function);
-  }
+  if (PS_UNLIKELY(hasEntryHook(p))) p->debug_session->entry_hook(p, 0, function);
   const uint16_t entry = function->callvarinits[static_cast<size_t>(n)];
   if (entry == kPsNoEntry) return kPsWrongParameterCount;
   subctx* frame = &p->frames[p->frame_count++];
@@ -978,13 +979,24 @@ bool ResizeLocalStorage(psProc* p) {
   for (uint32_t i = 0; i < added; i++) first[i] = psUninitializedValue();
   p->evsp += added;
   frame->varlistsize = wanted;
+  for (subctx* above = frame + 1; above < p->frames + p->frame_count; above++) {
+    above->locals += added;
+    above->calling_evsp += added;
+    if (above->chain_slot != nullptr) above->chain_slot += added;
+  }
   return true;
 }
 
 psStatus psRunAppended(psProc* p, uint32_t start) {
   subctx* frame = p->ctx;
+  if (frame->chain_slot != nullptr) {
+    // A caller that waits in the middle of a chain: the code may change what is being summed up.
+    leaveChain(p);
+    frame->resume = nullptr;
+  }
   if (!ResizeLocalStorage(p)) {
     p->error_offset = -1;
+    p->error_function = nullptr;
     return kPsStackOverflow;
   }
   subctx* outer_base = p->base_frame;
@@ -1053,9 +1065,7 @@ psStatus ExecSub(psProc* p, psFunction* function, psTypedValue* args, int n, psc
     p->last_status = kPsOkay;
   }
   while (p->ctx != nullptr) psPopFrame(p);
-  if (p->debug_session != nullptr && p->debug_session->entry_hook != nullptr) {
-    p->debug_session->entry_hook(p, 2, nullptr);
-  }
+  if (hasEntryHook(p)) p->debug_session->entry_hook(p, 2, nullptr);
   p->running = false;
   psAssertText(p->ctx == nullptr, "code->ctx==0");
   psAssertText(p->evsp == p->eval_stack, "code->evsp==code->eval_stack");
@@ -1486,7 +1496,7 @@ L_Call : {
   caller->resume = plain ? nullptr : ip + 1;
   psDecodedCode* code = callee.function->decoded;
   if (PS_LIKELY(code != nullptr && n <= code->parameters && code->fast != nullptr) &&
-      PS_LIKELY(p->debug_session == nullptr && p->frame_count < kPsMaxFrames)) {
+      PS_LIKELY(!hasEntryHook(p) && p->frame_count < kPsMaxFrames)) {
     const psInstruction* entry = code->entries[static_cast<size_t>(n)];
     psTypedValue* first = sp - n;
     const uint32_t slots = callee.function->variable_count;
