@@ -20,7 +20,7 @@ HardwareConfig& KelvoObjectGlobals::GetHardwareConfig() {
 DispatchQueue& KelvoObjectGlobals::GetFlushQueue() {
   const std::lock_guard lock(m_mutex);
   if (m_flush_queue == nullptr) {
-    const AllSignalsBlocked blocked;
+    const lattix::AllSignalsBlocked blocked;
     m_flush_queue = std::make_unique<DispatchQueue>("flush");
   }
   return *m_flush_queue;
