@@ -85,6 +85,7 @@ struct SignalDispatcher::Impl {
   std::mutex m_mutex;  // guards all but the latch and the thread; held while observers run
   std::vector<std::pair<int, SignalObserver*>> m_observers;  // in the order of their attachment
   std::map<pid_t, ChildProcessObserver*> m_process_observers;
+  bool m_unheard_termination = false;  // a SIGTERM came while nobody observed it
   bool m_finished = false;
   condition_variable m_finish;
   std::latch m_started{1};
@@ -140,10 +141,13 @@ void SignalDispatcher::Impl::Receive(const siginfo_t& info) {
     DispatchChild(info);
     return;
   }
+  bool heard = false;
   for (const auto& attachment : m_observers) {
     if (attachment.first != info.si_signo) continue;
+    heard = true;
     CallObserver([&] { attachment.second->OnSignal(info); });
   }
+  if (!heard && info.si_signo == SIGTERM) m_unheard_termination = true;
 }
 
 void SignalDispatcher::Impl::Run() {
@@ -195,6 +199,9 @@ SignalDispatcher::~SignalDispatcher() {
 void SignalDispatcher::Attach(int signal, SignalObserver* observer) {
   std::lock_guard lock(m_impl->m_mutex);
   m_impl->m_observers.emplace_back(signal, observer);
+  if (signal == SIGTERM && std::exchange(m_impl->m_unheard_termination, false)) {
+    kill(getpid(), SIGTERM);
+  }
 }
 
 void SignalDispatcher::Detach(int signal, SignalObserver* observer) {

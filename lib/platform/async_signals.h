@@ -66,7 +66,8 @@ class SignalDispatcher : public Singleton<SignalDispatcher> {
   ~SignalDispatcher();
 
   // Observers of a signal are called in the order they were attached, each as often as it was
-  // attached. From any thread, not from an observer.
+  // attached. A SIGTERM that came while nobody observed it is dispatched to the next one who does:
+  // one that is sent while a process starts must end it. From any thread, not from an observer.
   void Attach(int signal, SignalObserver* observer);
   // Removes the first such attachment, which must exist.
   void Detach(int signal, SignalObserver* observer);
