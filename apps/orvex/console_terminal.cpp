@@ -1,0 +1,49 @@
+// The settings are those of the device's serial console, whatever was there before: the player may
+// have been started by an init system that never set the line up.
+#include "apps/orvex/console_terminal.h"
+
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "lib/platform/errno_exception.h"
+#include "lib/platform/log.h"
+
+using lattix::ErrorText;
+using lattix::Log;
+
+void SetUpConsoleTerminal() {
+  termios terminal;
+  if (::tcgetattr(STDIN_FILENO, &terminal) != 0) return;
+  ::cfmakeraw(&terminal);
+  terminal.c_oflag |= OPOST | ONLCR;
+  terminal.c_lflag |= ISIG;
+  terminal.c_cc[VQUIT] = 0;
+  terminal.c_cc[VSUSP] = 0;
+  terminal.c_cc[VMIN] = 1;
+  terminal.c_cc[VTIME] = 0;
+  ::tcsetattr(STDIN_FILENO, TCSADRAIN, &terminal);
+}
+
+void RestoreConsoleTerminal() {
+  termios terminal;
+  if (::tcgetattr(STDIN_FILENO, &terminal) != 0) {
+    Log("Failed to get serial configuration: {}\n", ErrorText(errno));
+    return;
+  }
+  terminal.c_iflag = BRKINT | ICRNL | IMAXBEL;
+  terminal.c_oflag = OPOST | ONLCR;
+  terminal.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB);
+  terminal.c_cflag |= CS8;
+  terminal.c_lflag |= ICANON | ECHO | IEXTEN;
+  if (::cfsetispeed(&terminal, B115200) != 0) {
+    Log("Failed to set serial ispeed: {}\n", ErrorText(errno));
+  }
+  if (::cfsetospeed(&terminal, B115200) != 0) {
+    Log("Failed to set serial ospeed: {}\n", ErrorText(errno));
+  }
+  if (::tcsetattr(STDIN_FILENO, TCSADRAIN, &terminal) != 0) {
+    Log("Failed to configure serial port: {}\n", ErrorText(errno));
+  }
+}

@@ -1,0 +1,10 @@
+// The terminal on standard input, between the player's start and its end.
+#pragma once
+
+// Raw input, a byte at a time, without echo, but with Ctrl-C as a signal; output keeps turning LF
+// into CR LF. Nothing happens when standard input is no terminal.
+void SetUpConsoleTerminal();
+
+// Leaves the terminal as a login program expects it: lines with echo, 8 data bits, no parity,
+// 115200 baud. A failure is logged.
+void RestoreConsoleTerminal();
