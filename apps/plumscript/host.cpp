@@ -7,8 +7,6 @@
 #include "apps/plumscript/host.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,14 +16,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "apps/plumscript/output.h"
 #include "apps/plumscript/private_root.h"
 #include "lib/platform/device_path.h"
 #include "lib/scripting/CommonAPI/Include/class_registry.h"
 #include "lib/scripting/Plumscript/Source/hooks.h"
-#include "lib/scripting/host_files.h"
 
 namespace {
 
@@ -35,18 +31,11 @@ std::atomic<psProc*> g_running{nullptr};  // the process a break goes to
 std::atomic<int> g_interrupts{0};         // SIGINTs since the run began
 std::atomic<bool> g_session{false};       // a person is at a terminal
 std::atomic<bool> g_noted{false};         // a SIGINT between two runs
-std::atomic<int> g_wake_fd{-1};           // an eventfd that ends a sleep
 static_assert(std::atomic<psProc*>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
 psProc* Innermost(psProc* p) {
   while (psProc* child = p->chain.load(std::memory_order_acquire)) p = child;
   return p;
-}
-
-void Wake() {
-  const int fd = g_wake_fd.load(std::memory_order_relaxed);
-  const uint64_t one = 1;
-  if (fd >= 0 && ::write(fd, &one, sizeof(one)) < 0) return;  // full: it is readable already
 }
 
 // What scriptBreak does, without its locks.
@@ -73,26 +62,6 @@ void OnSignal(int signal) {
     ::raise(signal);  // ends the process when this handler returns and unblocks it
   }
   errno = saved;
-}
-
-timespec MonotonicNow() {
-  timespec now;
-  ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
-}
-
-constexpr long kNanoseconds = 1'000'000'000;
-
-// The time from now to a deadline; false when it has passed.
-bool TimeUntil(const timespec& deadline, timespec* left) {
-  const timespec now = MonotonicNow();
-  left->tv_sec = deadline.tv_sec - now.tv_sec;
-  left->tv_nsec = deadline.tv_nsec - now.tv_nsec;
-  if (left->tv_nsec < 0) {
-    left->tv_nsec += kNanoseconds;
-    --left->tv_sec;
-  }
-  return left->tv_sec >= 0 && (left->tv_sec > 0 || left->tv_nsec > 0);
 }
 
 std::string ResolvedPath(const char* path) {
@@ -153,80 +122,22 @@ Host::~Host() {
 }
 
 void Host::InstallHooks() {
-  psHostHooks hooks;
-  hooks.mapFilename = [](psText name, std::string* native) {
-    return g_host->m_mapper.TryMap(name, native);
-  };
+  psHostHooks hooks = CommonScriptHooks(Request);
   hooks.openFile = [](const std::string& native, int flags, unsigned mode) {
     if (!g_host->m_source.empty() && native == g_host->m_source) {
       return ::open(native.c_str(), flags | O_CLOEXEC, mode);
     }
     return OpenBeneathDrive(native, flags, mode).Release();
   };
-  hooks.deleteFile = [](psText name) { return host_files::DeleteFile(g_host->m_mapper, name); };
-  hooks.deleteDirectory = [](psText name) {
-    return host_files::DeleteDirectory(g_host->m_mapper, name);
-  };
-  hooks.createDirectory = [](psText name) {
-    return host_files::CreateDirectory(g_host->m_mapper, name);
-  };
-  hooks.copyFile = [](psText from, psText to) {
-    return host_files::CopyFile(g_host->m_mapper, from, to);
-  };
-  hooks.moveFile = [](psText from, psText to) {
-    return host_files::MoveFile(g_host->m_mapper, from, to);
-  };
-  hooks.formatDrive = [](psText drive, psText file_system) {
-    Out().Flush();
-    return host_files::FormatDrive(drive, file_system);
-  };
-  hooks.ejectDrive = [](psText drive) {
-    Out().Flush();
-    return host_files::EjectDrive(drive);
-  };
-  hooks.getDefaultDrive = [] { return g_host->m_mapper.GetDefaultDrive(); };
-  hooks.setDefaultDrive = [](psText drive) { g_host->m_mapper.SetDefaultDrive(drive); };
   hooks.beforeBlocking = [] { Out().Flush(); };
-  hooks.sleep = Sleep;
   hooks.enableZoneSupport = [](bool enable) { g_host->m_globals.EnableZoneSupport(enable); };
-  hooks.rebootSystem = [] { Request(kExitReboot, "Reboot requested by Plumscript\n"); };
-  hooks.shutdownSystem = [] { Request(kExitShutdown, "Halt requested by script\n"); };
-  hooks.restartScript = [] { Request(kExitRestartScript, "RestartScript requested by script\n"); };
-  hooks.restartApplication = [] {
-    Request(kExitRestartApplication, "RestartApplication requested by script\n");
-  };
   psInstallHooks(hooks);
 }
 
-void Host::Request(ExitStatus status, const char* log) {
-  Out().Error(log);
-  g_host->m_requested = status;
+void Host::Request(ScriptRequest request) {
+  Out().Error(ScriptRequestLog(request));
+  g_host->m_requested = static_cast<ExitStatus>(request);
   if (psProc* running = g_running.load(std::memory_order_relaxed)) scriptRequestEnd(running);
-}
-
-void Host::Sleep(pscDomain* domain, int32_t milliseconds) {
-  if (milliseconds <= 0) return;
-  timespec deadline = MonotonicNow();
-  deadline.tv_sec += milliseconds / 1000;
-  deadline.tv_nsec += (milliseconds % 1000) * 1'000'000L;
-  if (deadline.tv_nsec >= kNanoseconds) {
-    deadline.tv_nsec -= kNanoseconds;
-    ++deadline.tv_sec;
-  }
-  // Made by the first sleep. A break that came before the hook was set is seen in the break word.
-  if (g_wake_fd < 0) g_wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  pscSetBreakHook(
-      domain, [](void*) { Wake(); }, nullptr);
-  timespec left;
-  while (!pscBreakPending(domain) && TimeUntil(deadline, &left)) {
-    pollfd wake = {g_wake_fd, POLLIN, 0};
-    uint64_t drained;
-    if (::ppoll(&wake, 1, &left, nullptr) > 0 && ::read(g_wake_fd, &drained, sizeof(drained)) < 0 &&
-        errno != EAGAIN && errno != EINTR) {
-      break;
-    }
-  }
-  pscSetBreakHook(domain, nullptr, nullptr);
 }
 
 void Host::SetScript(const char* file) { SetPrivateRootFolder(ScriptFolder(file)); }

@@ -14,6 +14,7 @@
 #include "lib/scripting/Plumscript/Source/publicapis.h"
 #include "lib/scripting/Plumscript/Source/run.h"
 #include "lib/scripting/filename_mapper.h"
+#include "lib/scripting/script_hooks.h"
 
 class Host {
  public:
@@ -62,8 +63,7 @@ class Host {
   ExitStatus requested() const { return m_requested; }
 
  private:
-  static void Request(ExitStatus status, const char* log);
-  static void Sleep(pscDomain* domain, int32_t milliseconds);
+  static void Request(ScriptRequest request);
   void InstallHooks();
   // From now on a SIGINT breaks the script, or does not.
   void TakeBreaks();

@@ -4,47 +4,7 @@
 #include "apps/plumscript/commands.h"
 #include "apps/plumscript/host.h"
 #include "apps/plumscript/run.h"
-#include "lib/scripting/Plumscript/Source/clwrappers.h"
-#include "lib/scripting/Plumscript/Source/containers.h"
-
-namespace {
-
-// The arguments as script text in an array, one reference; null when memory is refused.
-pscInstance* ArgumentArray(pscDomain* domain, std::span<const char* const> arguments) {
-  pscInstance* array = pscCreateArray(domain, 0, true);
-  for (size_t i = 0; array != nullptr && i < arguments.size(); ++i) {
-    pscInstance* text = psNewString(domain, arguments[i]);
-    if (text == nullptr) {
-      pscSubRef(array);
-      return nullptr;
-    }
-    // Marked as every value that goes into a container.
-    psTypedValue value = psObjectValue(text);
-    value.type_flags |= kPsBoxedFlag;
-    psArrayPush(pscData<psArray>(array), value);
-  }
-  return array;
-}
-
-bool RunMain(Host& host, std::span<const char* const> arguments, psDebugSession* session) {
-  psProc* p = host.process();
-  psFunction* main = p->mod->main_function;
-  if (main == nullptr || main->parameters() == 0) return scriptRun(p, host.console(), session);
-
-  pscInstance* array = ArgumentArray(p->domain, arguments);
-  if (array == nullptr) {
-    p->last_status = kPsOutOfMemory;
-    return false;
-  }
-  psTypedValue value = psObjectValue(array);
-  psTypedValue result = psUninitializedValue();
-  const bool normal = scriptRunFunction(p, host.console(), session, main, &value, 1, &result);
-  ReleaseValue(&result);
-  pscSubRef(array);
-  return normal;
-}
-
-}  // namespace
+#include "lib/scripting/script_main.h"
 
 int RunFile(Host& host, std::span<const char* const> operands, psDebugSession* session) {
   const ExitStatus compiled = host.CompileFile(operands[0]);
@@ -52,7 +12,7 @@ int RunFile(Host& host, std::span<const char* const> operands, psDebugSession* s
   bool normal;
   {
     const Host::Run run(host);
-    normal = RunMain(host, operands.subspan(1), session);
+    normal = RunMainWithArgs(host.process(), host.console(), session, operands.subspan(1));
   }
   if (host.requested() != kExitNormal) return host.requested();
   if (normal) return kExitNormal;
