@@ -632,8 +632,13 @@ struct Generator {
   }
 };
 
-int32_t drawRandom() {
+Generator& theGenerator() {
   static Generator generator;
+  return generator;
+}
+
+int32_t drawRandom() {
+  Generator& generator = theGenerator();
   const std::lock_guard guard(generator.lock);
   return generator.draw();
 }
@@ -698,6 +703,12 @@ pscInstance* stableEnumeration(pscDomain* domain, pscInstance* object) {
 }
 
 }  // namespace
+
+void psSeedRandom(uint32_t seed) {
+  Generator& generator = theGenerator();
+  const std::lock_guard guard(generator.lock);
+  srandom_r(seed, &generator.data);
+}
 
 // --- The table --------------------------------------------------------------------------------
 

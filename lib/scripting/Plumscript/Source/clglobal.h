@@ -2,6 +2,8 @@
 // call_global instruction names its function by the position in this table.
 #pragma once
 
+#include <cstdint>
+
 #include "psc.h"
 
 constexpr int kPsGlobalFunctionCount = 64;
@@ -17,3 +19,6 @@ psText psTextMid(psText text, int32_t position);
 int32_t psTextInstr(int32_t start, psText text, psText needle);
 int32_t psTextToInt(psText text);
 double psTextToDouble(psText text);
+
+// Starts the sequence of rnd anew, for every script of the process. Any thread.
+void psSeedRandom(uint32_t seed);
