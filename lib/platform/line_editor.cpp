@@ -1,0 +1,420 @@
+// The editing library reads its keys through a callback of ours, and everything that may happen
+// while somebody types, happens there: the next byte, an interrupt, the loss of the console to
+// another reader, the end. The library's own reading cannot be left, because it blocks in read.
+//
+// Rules of this file:
+//  1. The wide-character forms of the library are used throughout: keys are code points, and lines
+//     come back as code points, whatever the process's locale. What the library draws does depend
+//     on the locale, so a reading thread has a UTF-8 one of its own.
+//  2. Standard input is unbuffered, so what poll sees is all there is.
+//  3. Before the console is left to another reader, the terminal is given back the mode in which
+//     it was found: the other one's library assumes that.
+#include "lib/platform/line_editor.h"
+
+#include <histedit.h>
+#include <locale.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cwchar>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "lib/platform/always_magic.h"
+#include "lib/platform/assertion.h"
+#include "lib/platform/console_owner.h"
+
+namespace lattix {
+
+namespace {
+
+constexpr int kHistoryLines = 64;
+constexpr char kContinuationPrompt[] = "> ";
+
+// The calling thread's locale while it edits.
+class Utf8Locale {
+ public:
+  Utf8Locale() {
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    if (utf8 != nullptr) m_before = uselocale(utf8);
+  }
+  ~Utf8Locale() {
+    if (m_before != nullptr) uselocale(m_before);
+  }
+  Utf8Locale(const Utf8Locale&) = delete;
+  Utf8Locale& operator=(const Utf8Locale&) = delete;
+
+ private:
+  locale_t m_before = nullptr;
+};
+
+void AppendUtf8(std::string* text, wchar_t c) {
+  const auto code = static_cast<uint32_t>(c);
+  const auto put = [text](uint32_t byte) { text->push_back(static_cast<char>(byte)); };
+  const auto put_low = [&](int shift) { put(0x80 | (code >> shift & 0x3F)); };
+  if (code < 0x80) {
+    put(code);
+  } else if (code < 0x800) {
+    put(0xC0 | code >> 6);
+    put_low(0);
+  } else if (code < 0x10000) {
+    put(0xE0 | code >> 12);
+    put_low(6);
+    put_low(0);
+  } else {
+    put(0xF0 | code >> 18);
+    put_low(12);
+    put_low(6);
+    put_low(0);
+  }
+}
+
+std::string ToUtf8(std::wstring_view text) {
+  std::string utf8;
+  utf8.reserve(text.size());
+  for (const wchar_t c : text) AppendUtf8(&utf8, c);
+  return utf8;
+}
+
+int ColumnsOf(std::wstring_view text) {
+  int columns = 0;
+  for (const wchar_t c : text) columns += std::max(::wcwidth(c), 0);
+  return columns;
+}
+
+std::wstring_view StripNewlines(std::wstring_view line) {
+  while (line.ends_with(L'\n')) line.remove_suffix(1);
+  return line;
+}
+
+// Puts the bytes of standard input together to code points.
+class Utf8Decoder {
+ public:
+  // True when the byte completes a code point.
+  bool Add(unsigned char byte, wchar_t* code_point) {
+    if (m_missing > 0 && (byte & 0xC0) == 0x80) {
+      m_code = m_code << 6 | (byte & 0x3F);
+      if (--m_missing > 0 || m_code < m_least || m_code > 0x10FFFF ||
+          (m_code >= 0xD800 && m_code <= 0xDFFF)) {
+        return false;
+      }
+      *code_point = static_cast<wchar_t>(m_code);
+      return true;
+    }
+    m_missing = 0;  // a sequence that does not go on is dropped
+    if (byte < 0x80) {
+      *code_point = byte;
+      return true;
+    }
+    if ((byte & 0xE0) == 0xC0) {
+      Start(byte & 0x1F, 1, 0x80);
+    } else if ((byte & 0xF0) == 0xE0) {
+      Start(byte & 0x0F, 2, 0x800);
+    } else if ((byte & 0xF8) == 0xF0) {
+      Start(byte & 0x07, 3, 0x10000);
+    }
+    return false;
+  }
+
+ private:
+  void Start(uint32_t bits, int missing, uint32_t least) {
+    m_code = bits;
+    m_missing = missing;
+    m_least = least;
+  }
+
+  uint32_t m_code = 0;
+  uint32_t m_least = 0;  // below it the sequence is longer than it needs to be
+  int m_missing = 0;     // bytes to come
+};
+
+class LineEditorImpl final : public LineEditor {
+ public:
+  explicit LineEditorImpl(const char* prompt);
+  ~LineEditorImpl() override;
+  LineEditorImpl(const LineEditorImpl&) = delete;
+  LineEditorImpl& operator=(const LineEditorImpl&) = delete;
+
+  bool ReadLine(std::string* line) override;
+  void Run(const LineHandler& handler) override;
+  void SetPrompt(const std::string& prompt) override { m_prompt = prompt; }
+  bool GetChar(char* c) override;
+
+  void PutChar(char c) override { std::putc(c, stdout); }
+  void Puts(const char* text) override { std::fputs(text, stdout); }
+  void Puts(const std::string& text) override { std::fputs(text.c_str(), stdout); }
+  void Write(const char* data, size_t length) override { std::fwrite(data, 1, length, stdout); }
+  void Flush() override {
+    std::fflush(stdout);
+    tcdrain(fileno(stdout));
+  }
+
+ private:
+  using Magic = AlwaysMagic<4228010014>;
+  enum class Edited { kLine, kInterrupted, kEnd };
+  enum class Byte {
+    kRead,
+    kInterrupted,
+    kEnd,      // of the stream
+    kStopped,  // by EndConsoleInput
+  };
+
+  static LineEditorImpl* Of(EditLine* editor);
+  static char* Prompt(EditLine* editor) { return Of(editor)->m_prompt.data(); }
+  static int ReadKey(EditLine* editor, wchar_t* key);
+
+  // Reads and edits a line; it is the library's until the next one.
+  Edited Edit(ConsoleReader::Place place, std::wstring_view* line);
+  Byte NextByte(unsigned char* byte);
+  bool LendConsole();
+  void LeaveLine();
+  void Remember(int operation, const std::wstring& line);
+
+  Magic m_magic;
+  EditLine* m_editor = nullptr;
+  HistoryW* m_history = nullptr;
+  std::string m_prompt;
+  ConsoleReader m_reader;
+  const bool m_terminal;         // the library edits; without one it just collects the keys
+  bool m_editing = false;        // between the first and the last key of a line
+  Byte m_outcome = Byte::kRead;  // of the last attempt to read a key
+};
+
+LineEditorImpl::LineEditorImpl(const char* prompt)
+    : m_prompt(prompt), m_terminal(isatty(STDIN_FILENO) == 1) {
+  termios found;
+  const bool has_mode = tcgetattr(STDIN_FILENO, &found) == 0;
+  {
+    const Utf8Locale locale;
+    m_editor = el_init("orvex", stdin, stdout, stderr);
+  }
+  if (m_editor == nullptr) throw std::bad_alloc();
+  el_set(m_editor, EL_CLIENTDATA, this);
+  el_set(m_editor, EL_PROMPT, &LineEditorImpl::Prompt);
+  el_set(m_editor, EL_GETCFN, &LineEditorImpl::ReadKey);
+  el_set(m_editor, EL_EDITOR, "emacs");
+  // The library turns job control on in both its modes, also where the console has turned it off.
+  if (has_mode) {
+    for (const char* mode : {"-x", "-d"}) {
+      if (found.c_cc[VQUIT] == _POSIX_VDISABLE) {
+        el_set(m_editor, EL_SETTY, mode, "quit=", nullptr);
+      }
+      if (found.c_cc[VSUSP] == _POSIX_VDISABLE) {
+        el_set(m_editor, EL_SETTY, mode, "susp=", nullptr);
+      }
+    }
+    tcsetattr(STDIN_FILENO, TCSADRAIN, &found);
+  }
+  m_history = history_winit();
+  if (m_history == nullptr) {
+    el_end(m_editor);
+    throw std::bad_alloc();
+  }
+  HistEventW event;
+  history_w(m_history, &event, H_SETSIZE, kHistoryLines);
+  el_wset(m_editor, EL_HIST, history_w, m_history);
+}
+
+LineEditorImpl::~LineEditorImpl() {
+  el_end(m_editor);
+  history_wend(m_history);
+}
+
+LineEditorImpl* LineEditorImpl::Of(EditLine* editor) {
+  void* data = nullptr;
+  el_get(editor, EL_CLIENTDATA, &data);
+  CheckPointer(data);
+  auto* const self = static_cast<LineEditorImpl*>(data);
+  Magic::CheckMagic(&self->m_magic);
+  return self;
+}
+
+// 1 with a key, -1 at the end of input and for an interrupt.
+int LineEditorImpl::ReadKey(EditLine* editor, wchar_t* key) {
+  Utf8Decoder decoder;
+  for (;;) {
+    LineEditorImpl* const self = Of(editor);
+    unsigned char byte;
+    self->m_outcome = self->NextByte(&byte);
+    if (self->m_outcome != Byte::kRead) {
+      if (self->m_outcome == Byte::kInterrupted) errno = EINTR;
+      return -1;
+    }
+    // Without a terminal nobody translates the line ends of a file that was written elsewhere.
+    if (byte == '\r' && !self->m_terminal) byte = '\n';
+    if (decoder.Add(byte, key)) return 1;
+  }
+}
+
+LineEditorImpl::Byte LineEditorImpl::NextByte(unsigned char* byte) {
+  for (;;) {
+    switch (m_reader.Wait()) {
+      case ConsoleReader::Event::kEnded: return Byte::kStopped;
+      case ConsoleReader::Event::kInterrupted: return Byte::kInterrupted;
+      case ConsoleReader::Event::kSuspended:
+        if (!LendConsole()) return Byte::kStopped;
+        continue;
+      case ConsoleReader::Event::kInput: break;
+    }
+    const int c = std::getc(stdin);
+    if (c != EOF) {
+      *byte = static_cast<unsigned char>(c);
+      return Byte::kRead;
+    }
+    if (!std::ferror(stdin) || (errno != EINTR && errno != EAGAIN)) return Byte::kEnd;
+    std::clearerr(stdin);
+  }
+}
+
+// False when input has ended before the console came back.
+bool LineEditorImpl::LendConsole() {
+  const bool on_screen = m_terminal && m_editing;
+  if (on_screen) {
+    LeaveLine();
+    el_set(m_editor, EL_PREP_TERM, 0);
+  }
+  if (!m_reader.Suspend()) return false;
+  if (on_screen) {
+    el_set(m_editor, EL_PREP_TERM, 1);
+    el_wset(m_editor, EL_REFRESH);
+  }
+  return true;
+}
+
+// Moves on to the line below all that has been typed.
+void LineEditorImpl::LeaveLine() {
+  winsize size = {};
+  ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+  const int columns = size.ws_col > 0 ? size.ws_col : 80;
+  std::wstring prompt(m_prompt.size(), L'\0');
+  const size_t n = std::mbstowcs(prompt.data(), m_prompt.c_str(), prompt.size());
+  const int start = n == static_cast<size_t>(-1) ? 0 : ColumnsOf({prompt.data(), n});
+  const LineInfoW* const line = el_wline(m_editor);
+  const int cursor = start + ColumnsOf({line->buffer, line->cursor});
+  const int end = start + ColumnsOf({line->buffer, line->lastchar});
+  std::string newlines = "\r";
+  newlines.append(static_cast<size_t>(end / columns - cursor / columns) + 1, '\n');
+  Puts(newlines);
+}
+
+LineEditorImpl::Edited LineEditorImpl::Edit(ConsoleReader::Place place, std::wstring_view* line) {
+  struct Turn {
+    ConsoleReader& reader;
+    Turn(ConsoleReader* r, ConsoleReader::Place place) : reader(*r) { reader.Begin(place); }
+    ~Turn() { reader.End(); }
+  };
+  const Turn turn(&m_reader, place);
+  const Utf8Locale locale;
+  int count = 0;
+  m_editing = true;
+  const wchar_t* const text = el_wgets(m_editor, &count);
+  m_editing = false;
+  if (m_outcome == Byte::kInterrupted) {
+    if (m_terminal) {
+      Puts("^C");
+      LeaveLine();
+    }
+    return Edited::kInterrupted;
+  }
+  // A last line that only the end of the stream ended, counts; one that was cut off does not.
+  if (text == nullptr || m_outcome == Byte::kStopped) {
+    if (m_terminal) LeaveLine();
+    return Edited::kEnd;
+  }
+  LATTIX_ASSERT_TEXT(count >= 0, "count > 0");
+  *line = {text, static_cast<size_t>(count)};
+  return Edited::kLine;
+}
+
+void LineEditorImpl::Remember(int operation, const std::wstring& line) {
+  HistEventW event;
+  history_w(m_history, &event, operation, line.c_str());
+}
+
+bool LineEditorImpl::ReadLine(std::string* line) {
+  std::wstring_view typed;
+  Edited edited;
+  do {
+    edited = Edit(ConsoleReader::Place::kForeground, &typed);
+  } while (edited == Edited::kInterrupted);
+  line->clear();
+  if (edited == Edited::kEnd) return false;
+  typed = StripNewlines(typed);
+  if (typed.empty()) return true;
+  *line = ToUtf8(typed);
+  Remember(H_ENTER, std::wstring(typed));
+  return true;
+}
+
+void LineEditorImpl::Run(const LineHandler& handler) {
+  const std::unique_ptr<TokenizerW, void (*)(TokenizerW*)> tokenizer(tok_winit(nullptr), tok_wend);
+  if (tokenizer == nullptr) throw std::bad_alloc();
+  const std::string prompt = m_prompt;
+  bool continued = false;
+  const auto start_anew = [&] {
+    tok_wreset(tokenizer.get());
+    if (continued) m_prompt = prompt;
+    continued = false;
+  };
+  for (;;) {
+    std::wstring_view typed;
+    const Edited edited = Edit(ConsoleReader::Place::kBackground, &typed);
+    if (edited == Edited::kEnd) break;
+    if (edited == Edited::kInterrupted) {
+      start_anew();
+      continue;
+    }
+    int count = 0;
+    const wchar_t** words = nullptr;
+    const int more =
+        tok_wline(tokenizer.get(), el_wline(m_editor), &count, &words, nullptr, nullptr);
+    if (more < 0) break;
+    typed = StripNewlines(typed);
+    if (!typed.empty()) {
+      // One entry for the whole command, with its line ends: recalled, it reads as it was typed.
+      std::wstring entry(typed);
+      if (continued) entry.insert(0, 1, L'\n');
+      Remember(continued ? H_APPEND : H_ENTER, entry);
+    }
+    if (more > 0) {
+      m_prompt = kContinuationPrompt;
+      continued = true;
+      continue;
+    }
+    std::vector<std::string> texts;
+    for (int i = 0; i < count; ++i) texts.push_back(ToUtf8(words[i]));
+    std::vector<const char*> arguments;
+    for (const std::string& text : texts) arguments.push_back(text.c_str());
+    arguments.push_back(nullptr);
+    const bool go_on = handler(count, arguments.data());
+    start_anew();
+    if (!go_on) break;
+  }
+}
+
+bool LineEditorImpl::GetChar(char* c) {
+  m_reader.Begin(ConsoleReader::Place::kForeground);
+  unsigned char byte = 0;
+  Byte outcome;
+  do {
+    outcome = NextByte(&byte);
+  } while (outcome == Byte::kInterrupted);
+  m_reader.End();
+  *c = static_cast<char>(byte);
+  return outcome == Byte::kRead;
+}
+
+}  // namespace
+
+std::shared_ptr<LineEditor> MakeLineEditor(const char* prompt) {
+  static std::once_flag unbuffered;
+  std::call_once(unbuffered, [] { std::setvbuf(stdin, nullptr, _IONBF, 0); });
+  return std::make_shared<LineEditorImpl>(prompt);
+}
+
+}  // namespace lattix
