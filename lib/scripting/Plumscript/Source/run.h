@@ -17,6 +17,7 @@ constexpr int kPsStackSlots = 1024;
 constexpr int kPsFrameLimit = 960;
 
 struct psInstruction;   // run_decode.h
+struct psStepForm;      // run_decode.h
 struct psDebugSession;  // run_debugger.h
 
 // One call frame.
@@ -75,6 +76,11 @@ struct psProc {
   // Loop turns, calls and returns that are left before the run stops with "BREAK"; looked at while
   // kPsBreakCounted is set. Set both with psSetTurnLimit.
   uint64_t turns_left = 0;
+  // Of the line that a debugger's step was last in.
+  std::unique_ptr<psStepForm> step_form;
+
+  psProc();
+  ~psProc();
 };
 void psSetTurnLimit(psProc* p, uint64_t turns);
 // Held while a child process is entered into or taken out of `chain`, and while another thread

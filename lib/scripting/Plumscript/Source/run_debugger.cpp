@@ -37,6 +37,7 @@ void endStep(psDebugSession* s) {
   s->show_disassembly = false;
   s->last_function = nullptr;
   s->last_line = nullptr;
+  s->quiet_function = nullptr;
 }
 
 bool stickyBreak(const psProc* p) { return (p->break_word.load() & kPsBreakSticky) != 0; }
@@ -58,8 +59,8 @@ const psLineData* lineAt(const psProc* p, uint32_t pc, const psFunction* functio
   return DebugPCToLine(p->mod, static_cast<int32_t>(pc), function);
 }
 
-// A line that the run is still inside of costs no search: a step over a long loop comes here for
-// every instruction.
+// A line that the run is still inside of costs no search: a trace of a long loop comes here for every
+// instruction.
 bool stepHook(psProc* p, uint32_t pc) {
   psDebugSession* s = p->debug_session;
   if (s->stepping != p) return false;
@@ -78,8 +79,9 @@ bool stepHook(psProc* p, uint32_t pc) {
   s->last_pc = pc;
   s->last_function = function;
   s->last_executed = true;
-  // Code without a record belongs to the line it was reached from.
-  if (line == nullptr || line == s->last_line) return false;
+  // Code without a record belongs to the line it was reached from, and so does evaluated text with
+  // all that it calls: a stop there would be the text's failure.
+  if (line == nullptr || line == s->last_line || p->eval_depth > 0) return false;
   s->last_line = line;
   return true;
 }
@@ -212,6 +214,11 @@ void debugBeginStep(psProc* p, bool disassembly) {
   s->last_function = p->ctx->sub;
   s->last_line = lineAt(p, p->ctx->pc, p->ctx->sub);
   s->last_executed = false;
+  if (!disassembly && s->last_line != nullptr && s->last_line->pc_last >= 0) {
+    s->quiet_function = s->last_function;
+    s->quiet_first = s->last_line->pc_start;
+    s->quiet_last = static_cast<uint32_t>(s->last_line->pc_last);
+  }
   setStepFlag(p, true);
 }
 

@@ -48,6 +48,12 @@ struct psDebugSession {
   psFunction* last_function = nullptr;
   const psLineData* last_line = nullptr;
 
+  // As long as a step stays within these offsets of this function the hook has nothing to say, and
+  // the interpreter need not call it there. Null: there is no such place.
+  const psFunction* quiet_function = nullptr;
+  uint32_t quiet_first = 0;
+  uint32_t quiet_last = 0;
+
   subctx* selected = nullptr;  // the frame that commands and statements work on
   std::vector<subctx*> below;  // frames left by `up`, the last one on top
 };

@@ -849,6 +849,29 @@ const psInstruction* psFastAt(psDecodedCode* chunk, uint32_t pc) {
   return index >= 0 ? &chunk->fast->code[static_cast<size_t>(index)] : nullptr;
 }
 
+const psInstruction* psStepAt(psStepForm* form, const psDecodedCode* chunk, uint32_t first,
+                              uint32_t last, uint32_t pc) {
+  if (chunk->fast == nullptr || pc < first || pc > last || first < chunk->begin ||
+      last >= chunk->end) {
+    return nullptr;
+  }
+  const int32_t index = chunk->fast->index_of[pc - chunk->begin];
+  if (index < 0) return nullptr;
+  if (form->chunk != chunk || form->first != first || form->last != last) {
+    form->chunk = chunk;
+    form->first = first;
+    form->last = last;
+    form->code = chunk->fast->code;
+    for (psInstruction& ins : form->code) {
+      // Those that stand for no code (into another chunk, past the other form of a sum) stay.
+      if (ins.next_pc == ins.pc) continue;
+      const bool inside = ins.pc >= first + ins.back && ins.next_pc <= last + 1;
+      if (!inside) ins.handler = psHandlers()[kFastStepExit];
+    }
+  }
+  return &form->code[static_cast<size_t>(index)];
+}
+
 const psInstruction* psPlainAt(psFunction* function, psDecodedCode* chunk, uint32_t pc) {
   if (chunk->plain == nullptr) {
     Decoder decoder(function, chunk);

@@ -13,6 +13,10 @@
 // out of loops can do that), frames too close to the stack's end, stepping, and positions in the
 // middle of a fused sequence.
 //
+// A step over a line that loops for long would be slow in the plain form. So the code of one line
+// also has a step form: a copy of the fast one in which everything outside the line leads back to
+// the interpreter's resume point.
+//
 // Code that is appended to a function later is decoded as a chunk of its own; chunks made before
 // stay valid, because frames may be running them.
 #pragma once
@@ -74,7 +78,7 @@ static_assert(sizeof(psInstruction) == 32);
       X(IndexLK_S) X(IndexSL_S) X(IndexSK_S) X(IndexSS_S) X(IndexLL_L) X(IndexLK_L) X(IndexSetLL) \
           X(IndexSetLK) X(IndexSetSS) X(DotL_S) X(DotL_L) X(DotSetL) X(DotCallL) X(GlobalLen)     \
               X(GlobalAsc) X(GlobalChr) X(GlobalMid2) X(GlobalMid3) X(GlobalAbs) X(GlobalInt)     \
-                  X(GlobalSqr) X(GlobalLeft)
+                  X(GlobalSqr) X(GlobalLeft) X(StepExit)
 
 enum psFastOp : uint16_t {
 #define X(name) kFast##name,
@@ -113,6 +117,15 @@ struct psDecodedCode {
   psDecodedCode* newest = nullptr;            // in the first chunk only: the last of the chain
 };
 
+// The fast form of a chunk cut down to the instructions of one line, for as long as a step stays
+// there.
+struct psStepForm {
+  const psDecodedCode* chunk = nullptr;
+  uint32_t first = 0;  // code offsets of the line
+  uint32_t last = 0;
+  std::vector<psInstruction> code;
+};
+
 // The decoded first chunk of a function, made when it is not there yet.
 psDecodedCode* psDecode(psFunction* function);
 // The chunk that holds a code offset; decodes what was appended since.
@@ -122,6 +135,11 @@ psDecodedCode* psChunkAt(psFunction* function, uint32_t pc);
 void psDecodeUpTo(psFunction* function, uint32_t end);
 // The instruction at a code offset in the fast form, or null when it has none there.
 const psInstruction* psFastAt(psDecodedCode* chunk, uint32_t pc);
+// The instruction at a code offset within the line first..last in the chunk's step form, or null
+// when it has none there. Makes the form when it is not there yet, which ends every other position
+// in it: while such a position is in use the line must stay the same.
+const psInstruction* psStepAt(psStepForm* form, const psDecodedCode* chunk, uint32_t first,
+                              uint32_t last, uint32_t pc);
 // The instruction at a code offset in the plain form; asserts that an instruction begins there.
 const psInstruction* psPlainAt(psFunction* function, psDecodedCode* chunk, uint32_t pc);
 void psFreeDecoded(psFunction* function);

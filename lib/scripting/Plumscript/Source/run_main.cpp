@@ -906,6 +906,15 @@ bool stepping(const psProc* p) {
   return (p->break_word.load(std::memory_order_relaxed) & kPsBreakStep) != 0;
 }
 
+// The current frame's position in the step form, when the step hook has nothing to say about it.
+PS_COLD const psInstruction* quietStep(psProc* p, const psDecodedCode* chunk) {
+  const psDebugSession* session = p->debug_session;
+  const subctx* frame = p->ctx;
+  if (session == nullptr || session->quiet_function != frame->sub) return nullptr;
+  if (p->step_form == nullptr) p->step_form = std::make_unique<psStepForm>();
+  return psStepAt(p->step_form.get(), chunk, session->quiet_first, session->quiet_last, frame->pc);
+}
+
 // One loop turn, call or return: tells watchdogs that the script moves, and looks for a break.
 inline bool turn(psProc* p) {
   psInstructionCounter.store(psInstructionCounter.load(std::memory_order_relaxed) + 1,
@@ -925,6 +934,9 @@ const void* const* psHandlers() {
   return handler_table;
 }
 const void* psPlainHandler() { return psHandlers()[kFastOpCount]; }
+
+psProc::psProc() = default;
+psProc::~psProc() = default;
 
 void psSetTurnLimit(psProc* p, uint64_t turns) {
   p->turns_left = turns;
@@ -1153,15 +1165,23 @@ resume :  // at the current frame's pc
   subctx* frame = p->ctx;
   locals = frame->locals;
   chunk = psChunkAt(frame->sub, frame->pc);
-  const psInstruction* fast =
-      !frame->plain_only && !stepping(p) && sp + chunk->max_depth <= stackEnd(p)
-          ? psFastAt(chunk, frame->pc)
-          : nullptr;
-  plain = fast == nullptr;
-  ip = plain ? psPlainAt(frame->sub, chunk, frame->pc) : fast;
+  const bool steps = stepping(p);
+  const psInstruction* fused = nullptr;
+  if (!frame->plain_only && sp + chunk->max_depth <= stackEnd(p)) {
+    fused = PS_UNLIKELY(steps) ? quietStep(p, chunk) : psFastAt(chunk, frame->pc);
+  }
+  // No position in the step form is kept, as none in the plain form is.
+  plain = steps || fused == nullptr;
+  ip = fused != nullptr ? fused : psPlainAt(frame->sub, chunk, frame->pc);
   if (p->break_word.load(std::memory_order_relaxed) != 0 && !plain) goto break_seen;
   DISPATCH;
 }
+
+L_StepExit:  // out of the line that a step stays in
+  p->ctx->pc = ip->pc - ip->back;
+  p->evsp = sp;
+  if (PS_UNLIKELY(p->ctx->chain_slot != nullptr)) leaveChain(p);
+  goto resume;
 
 L_Leave:  // into another chunk: only the plain form can take the stack as it comes
   p->ctx->pc = ip->pc;
