@@ -9,6 +9,8 @@ In a Markdown page, a block fenced as ```plumscript is a whole script, and the b
   plumscript error         `plumscript run`: standard output and standard error together, as on a
                            terminal; the run ends with a runtime error.
   plumscript check-error   `plumscript check`: standard error; the script does not compile.
+  plumscript debug         `plumscript debug`, with the block fenced as ```input between the two as
+                           its standard input: standard output and standard error together.
 
 The script is saved as example.plm, which is how messages name it.
 """
@@ -45,10 +47,13 @@ def blocks(text):
 
 
 def snippets(text):
-    """The scripts of a page: (line number, mode, script, output or None)."""
+    """The scripts of a page: (line number, mode, script, input, output or None)."""
     pending = None
     for number, info, body in blocks(text):
         words = info.split()
+        if pending and words == ["input"]:
+            pending = (*pending[:3], body)
+            continue
         if pending and words == ["output"]:
             yield (*pending, body)
             pending = None
@@ -57,28 +62,30 @@ def snippets(text):
             yield (*pending, None)
             pending = None
         if words[:1] == ["plumscript"]:
-            pending = (number, " ".join(words[1:]), body)
+            pending = (number, " ".join(words[1:]), body, "")
         elif words == ["output"]:
             raise SystemExit(f"line {number}: output of no script")
     if pending:
         yield (*pending, None)
 
 
-def check(plumscript, timeout, mode, script, output):
+def check(plumscript, timeout, mode, script, stdin, output):
     """What is wrong with a snippet: empty when it is as shown."""
-    if mode not in ("", "error", "check-error"):
+    if mode not in ("", "error", "check-error", "debug"):
         return f"unknown kind of example: {mode}\n"
     if output is None and mode:
         return "its output block is missing\n"
     verb = "check" if mode == "check-error" or output is None else "run"
+    if mode == "debug":
+        verb = "debug"
     with tempfile.TemporaryDirectory() as folder:
         pathlib.Path(folder, "example.plm").write_bytes(script.encode())
         out, err, status = run(
-            [plumscript, verb, "example.plm"], folder, timeout,
-            stderr=subprocess.STDOUT if mode == "error" else subprocess.PIPE)
+            [plumscript, verb, "example.plm"], folder, timeout, stdin.encode(),
+            stderr=subprocess.STDOUT if mode in ("error", "debug") else subprocess.PIPE)
     if status is None:
         return f"no end within {timeout} s\n"
-    wanted = {"": 0, "error": 2, "check-error": 1}[mode]
+    wanted = {"": 0, "error": 2, "check-error": 1, "debug": 0}[mode]
     shown = err if mode == "check-error" else out
     fault = difference("output", (output or "").encode(), shown)
     if status != wanted:
