@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "apps/plumscript/output.h"
 #include "apps/plumscript/version.h"
@@ -23,8 +24,18 @@ namespace {
 
 // Nothing can lie below a file.
 constexpr char kNoRoot[] = "/dev/null/orvex";
-constexpr const char* kFolders[] = {"/etc", "/storage", "/storage/sys", "/storage/tmp",
-                                    "/var", "/var/run", "/var/lib",     "/var/lib/orvex"};
+constexpr const char* kFolders[] = {"/dev",
+                                    "/etc",
+                                    "/proc",
+                                    "/proc/device-tree",
+                                    "/proc/device-tree/orvex",
+                                    "/storage",
+                                    "/storage/sys",
+                                    "/storage/tmp",
+                                    "/var",
+                                    "/var/run",
+                                    "/var/lib",
+                                    "/var/lib/orvex"};
 // Folders inside one another that removal follows: one descriptor each, and a bounded stack.
 constexpr int kMaxDepth = 200;
 
@@ -76,17 +87,39 @@ bool RemoveTree(int at, const char* name, int depth) {
   return gone;
 }
 
+struct File {
+  const char* path;
+  std::string_view content;
+};
+// What makes the root a unit: objects that describe it, and the kernel's log.
+constexpr File kFiles[] = {
+    {"/etc/orvex-version", kPlumscriptVersion},
+    {"/proc/boardid", "desktop orvex-desktop\n"},
+    // With the NUL that ends a property.
+    {"/proc/device-tree/orvex/boot-version", {kPlumscriptVersion, sizeof kPlumscriptVersion}},
+    {"/var/lib/orvex/device-data",
+     // HDMI, two-channel audio, Ethernet, USB, GPIO, SVC button, RTC, SDHC.
+     "PS_FORMAT=1\nPS_HWFLAGS=4b39\nPS_OEM_ID=Orvex\nPS_OEM_MODEL=Desktop\n"
+     "PS_SERIAL=DESKTOP00001\nPS_HWREV=1\n"},
+    {"/dev/kmsg", ""},
+};
+
+bool WriteFile(const std::string& path, std::string_view content) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  const bool written = ::write(fd, content.data(), content.size()) == ssize_t(content.size());
+  return ::close(fd) == 0 && written;
+}
+
 bool LayOut(const std::string& root) {
   for (const char* folder : kFolders) {
     if (::mkdir((root + folder).c_str(), 0755) != 0) return false;
   }
   if (::symlink(g_folder.c_str(), (root + "/storage/sd").c_str()) != 0) return false;
-  const int fd =
-      ::open((root + "/etc/orvex-version").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (fd < 0) return false;
-  const std::string version = std::string(kPlumscriptVersion) + "\n";
-  const bool written = ::write(fd, version.data(), version.size()) == ssize_t(version.size());
-  return ::close(fd) == 0 && written;
+  for (const File& file : kFiles) {
+    if (!WriteFile(root + file.path, file.content)) return false;
+  }
+  return true;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // at the place that the catalogue of classes gives it.
 #include "lib/scripting/CommonAPI/Include/class_registry.h"
 
+#include "lib/scripting/CommonAPI/Include/device_objects.h"
 #include "lib/scripting/CommonAPI/Include/file_objects.h"
 #include "lib/scripting/CommonAPI/Include/registry_objects.h"
 #include "lib/scripting/CommonAPI/Include/stream_events.h"
@@ -10,6 +11,7 @@ namespace {
 
 // clang-format off
 constexpr pscClass* kClasses[] = {
+    &DeviceInfoInstance::sm_class,
     &RegistryInstance::sm_class,
     &RegistrySectionInstance::sm_class,
     &ReadFileInstance::sm_class,
@@ -21,6 +23,7 @@ constexpr pscClass* kClasses[] = {
     &StreamEndEventInstance::sm_class,
     &StreamConnectResultEventInstance::sm_class,
     &StreamByteArrayEventInstance::sm_class,
+    &SystemLogInstance::sm_class,
 };
 // clang-format on
 
