@@ -116,6 +116,7 @@ struct SpawnPlan {
   const char* process_name;  // null for none
   std::optional<Account> account;
   std::string kernel_log;
+  pid_t parent;
   int child_streams[3] = {-1, -1, -1};  // the child's ends of the pipes
 
   bool Has(SpawnProcess::Flags flag) const { return flags & flag; }
@@ -232,6 +233,11 @@ void ConnectStreams(const SpawnPlan& plan) {
   if (plan.Has(SpawnProcess::kForeground)) TakeTerminal();
   if (plan.process_name) prctl(PR_SET_NAME, plan.process_name, 0, 0, 0);
   if (plan.account) DropPrivileges(*plan.account);
+  if (plan.Has(SpawnProcess::kEndWithParent)) {
+    // After the change of the user, which clears it. A parent that ended before is not told again.
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0) != 0) FailChild("prctl");
+    if (getppid() != plan.parent) _exit(kChildFailedStatus);
+  }
   if (plan.directory && chdir(plan.directory) != 0) FailChild("chdir");
   lattix::ConfigureSignals(lattix::kUnblockSignals);
   execvp(plan.argv[0], plan.argv.data());
@@ -339,6 +345,7 @@ void SpawnProcess::MakePlan(unsigned int flags, SpawnPlan* plan) const {
   plan->process_name = m_process_name.empty() ? nullptr : m_process_name.c_str();
   if (flags & kDropPrivileges) plan->account = LookUpAccount(m_user, m_group);
   plan->kernel_log = lattix::DevicePath("/dev/kmsg");
+  plan->parent = getpid();
 }
 
 pid_t SpawnProcess::Execute(unsigned int flags) {
@@ -375,6 +382,7 @@ pid_t SpawnProcess::Execute(unsigned int flags) {
 
   m_child_pid = child;
   m_abort_on_wait_timeout = flags & kAbortOnWaitTimeout;
+  m_group_ends_with_child = flags & kGroupEndsWithChild;
   m_terminal = std::move(terminal);
   m_stdin = std::move(streams[STDIN_FILENO].write_end);
   m_stdout = std::move(streams[STDOUT_FILENO].read_end);
@@ -402,6 +410,15 @@ bool SpawnProcess::WaitForExit(std::chrono::nanoseconds timeout) const {
 }
 
 pid_t SpawnProcess::Collect(int options, int* status) {
+  if (m_group_ends_with_child) {
+    // While the ended child has not been collected, its group's id cannot go to another one.
+    siginfo_t ended{};
+    int waited;
+    do {
+      waited = waitid(P_PID, static_cast<id_t>(m_child_pid), &ended, WEXITED | WNOWAIT | options);
+    } while (waited < 0 && errno == EINTR);
+    if (waited == 0 && ended.si_pid == m_child_pid) kill(-m_child_pid, SIGKILL);
+  }
   pid_t result;
   do {
     result = waitpid(m_child_pid, status, options);

@@ -42,6 +42,12 @@ class SpawnProcess {
     kDropPrivileges = 1u << 11,
     // Wait aborts the process when the child does not end within the wait timeout.
     kAbortOnWaitTimeout = 1u << 12,
+    // The kernel kills the child when the thread that called Execute ends, however it does: for
+    // children that must not outlive the player's fast exit or its crash.
+    kEndWithParent = 1u << 13,
+    // When the child is collected, what is left of its process group is killed. Goes with
+    // kNewProcessGroup or kNewSession.
+    kGroupEndsWithChild = 1u << 14,
   };
 
   // A child that a signal ended, told by Wait and Reap.
@@ -134,6 +140,7 @@ class SpawnProcess {
 
   pid_t m_child_pid = 0;
   bool m_abort_on_wait_timeout = false;
+  bool m_group_ends_with_child = false;
   lattix::UniqueFd m_stdin;
   lattix::UniqueFd m_stdout;
   lattix::UniqueFd m_stderr;

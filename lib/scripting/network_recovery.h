@@ -9,6 +9,7 @@
 // recovery over the network.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -58,6 +59,12 @@ bool IsValidServerResponse(int status);
 // has no NUL and begins as the script reader wants it; enciphered ones pass as they are. A web page
 // (what a captive portal or a misdirected proxy answers every request with) is none.
 const char* WhyNoScript(const UrlFetcher::Response& response);
+
+// How long after a result the next request is due. `answered` is whether it was an answer (and,
+// with a 200, a script that could be stored); `retry_after` is what the server asked for, 0 for
+// nothing; `count` counts the results, this one included.
+std::chrono::seconds DelayToNextCheck(RecoveryMode mode, bool answered, int64_t retry_after,
+                                      unsigned count);
 
 // What came of the last request.
 struct RecoveryResult {

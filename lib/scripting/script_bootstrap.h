@@ -6,7 +6,6 @@
 // however the player ends. What a supervisor may rely on is in docs/supervisor.md.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -68,7 +67,11 @@ class Bootstrap : OnlyOne<Bootstrap> {
 
  private:
   void Supervise();
-  void Abort();
+  // On the thread in Run.
+  void NoteAlive();
+  // On the watchdog's thread.
+  void SendAbort();
+  void WakeLocked();
 
   const Options m_options;
   PollWaker m_waker;
@@ -77,9 +80,14 @@ class Bootstrap : OnlyOne<Bootstrap> {
   lattix::condition_variable m_changed;
   // Guarded by m_lock.
   bool m_end_requested = false;
+  bool m_alive = false;
+  bool m_woken = false;  // m_waker has a byte in it
   bool m_running = false;
-  lattix::UniqueFd m_process;  // a pidfd of the child; invalid when there is none
-  std::unique_ptr<BootstrapWatchdog> m_watchdog;
+  // A pidfd of the child, invalid when there is none; the thread in Run, which alone changes it,
+  // reads it without the lock.
+  lattix::UniqueFd m_process;
+
+  std::unique_ptr<BootstrapWatchdog> m_watchdog;  // touched by the thread in Run only
 };
 
 // The answer to a device whose own supervisor does not work: prints "Forcing crash\n" and writes 4
