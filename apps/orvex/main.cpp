@@ -33,6 +33,7 @@
 #include "lib/platform/assertion.h"
 #include "lib/platform/async_signals.h"
 #include "lib/platform/bus/dbus_dispatcher.h"
+#include "lib/platform/cascade_time.h"
 #include "lib/platform/device_file.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/firmware_version.h"
@@ -137,6 +138,10 @@ int RunOnHardware() {
   VideoInput video_input;
   PollThread poll_thread;
   Trace trace;
+  if (!CascadeLibrary_InitializeCascadeTime()) {
+    ::puts("Failed to initialise cascade.\r");
+    return kExitService;
+  }
   return RunServices();
 }
 
