@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/apps/program_run.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -26,132 +28,11 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-// Generous, for a loaded machine under a sanitizer; nothing waits for it when all is well.
-constexpr std::chrono::seconds kPatience{20};
-
-// A run of the tool with its three streams in our hands.
-class Tool {
+class Tool : public ProgramRun {
  public:
   explicit Tool(const std::vector<std::string>& arguments, const fs::path& folder,
-                bool terminal = false, const std::vector<std::string>& environment = {}) {
-    int in[2] = {-1, -1}, out[2], err[2];
-    EXPECT_EQ(::pipe2(err, O_CLOEXEC), 0);
-    if (terminal) {
-      EXPECT_EQ(::openpty(&m_in, &in[0], nullptr, nullptr, nullptr), 0);
-      m_out = ::dup(m_in);
-      out[1] = ::dup(in[0]);
-    } else {
-      EXPECT_EQ(::pipe2(in, O_CLOEXEC), 0);
-      EXPECT_EQ(::pipe2(out, O_CLOEXEC), 0);
-      m_in = in[1];
-      m_out = out[0];
-    }
-    m_err = err[0];
-    std::vector<std::string> words = {PLUMSCRIPT_PROGRAM};
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    m_pid = ::fork();
-    if (m_pid == 0) {
-      ::setsid();
-      ::dup2(in[0], STDIN_FILENO);
-      ::dup2(out[1], STDOUT_FILENO);
-      ::dup2(err[1], STDERR_FILENO);
-      if (terminal) ::ioctl(STDIN_FILENO, TIOCSCTTY, 0);
-      for (int fd = 3; fd < 64; ++fd) ::close(fd);
-      ::unsetenv("ORVEX_ROOT");
-      ::setenv("TERM", "xterm", 1);
-      for (const std::string& variable : environment) ::putenv(const_cast<char*>(variable.c_str()));
-      ::signal(SIGINT, SIG_DFL);
-      if (::chdir(folder.c_str()) == 0) ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-  }
-  ~Tool() {
-    if (m_pid > 0 && !m_ended) ::kill(m_pid, SIGKILL);
-    Wait();
-    for (const int fd : {m_in, m_out, m_err}) {
-      if (fd >= 0) ::close(fd);
-    }
-  }
-
-  void Type(const std::string& text) {
-    EXPECT_EQ(::write(m_in, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  void EndInput() {
-    ::close(m_in);
-    m_in = -1;
-  }
-  void CloseOutput() {
-    ::close(m_out);
-    m_out = -1;
-  }
-  void Signal(int signal) { ::kill(m_pid, signal); }
-
-  // Reads until standard output holds the text, counted from where the last call stopped.
-  bool Expect(const std::string& text) {
-    const auto deadline = steady_clock::now() + kPatience;
-    for (;;) {
-      const size_t found = out.find(text, m_seen);
-      if (found != std::string::npos) {
-        m_seen = found + text.size();
-        return true;
-      }
-      if (!ReadSome(deadline)) break;
-    }
-    ADD_FAILURE() << "no '" << text << "' in:\n" << out.substr(m_seen) << "\nerrors:\n" << err;
-    return false;
-  }
-
-  // Reads both streams to their ends. The exit status, or 1000 + the signal that ended the tool.
-  int Finish() {
-    const auto deadline = steady_clock::now() + kPatience;
-    while (ReadSome(deadline)) {
-    }
-    if (m_out >= 0 || m_err >= 0) ::kill(m_pid, SIGKILL);
-    Wait();
-    return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 1000 + WTERMSIG(m_status);
-  }
-
-  std::string out, err;
-
- private:
-  bool ReadSome(steady_clock::time_point deadline) {
-    if (m_out < 0 && m_err < 0) return false;
-    pollfd streams[] = {{m_out, POLLIN, 0}, {m_err, POLLIN, 0}};
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
-    if (left.count() <= 0 || ::poll(streams, 2, static_cast<int>(left.count())) <= 0) return false;
-    ReadFrom(streams[0], &m_out, &out);
-    ReadFrom(streams[1], &m_err, &err);
-    return true;
-  }
-  static void ReadFrom(const pollfd& stream, int* fd, std::string* to) {
-    if (*fd < 0 || stream.revents == 0) return;
-    char block[4096];
-    const ssize_t n = ::read(*fd, block, sizeof(block));
-    if (n > 0) {
-      to->append(block, static_cast<size_t>(n));
-    } else {  // a terminal ends with EIO
-      ::close(*fd);
-      *fd = -1;
-    }
-  }
-  void Wait() {
-    if (m_ended) return;
-    ::waitpid(m_pid, &m_status, 0);
-    m_ended = true;
-  }
-
-  pid_t m_pid = -1;
-  int m_in = -1, m_out = -1, m_err = -1;
-  int m_status = 0;
-  bool m_ended = false;
-  size_t m_seen = 0;
+                bool terminal = false, const std::vector<std::string>& environment = {})
+      : ProgramRun(PLUMSCRIPT_PROGRAM, arguments, folder, terminal, environment) {}
 };
 
 class PlumscriptTest : public testing::Test {
