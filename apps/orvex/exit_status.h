@@ -9,4 +9,5 @@ enum ExitStatus {
   kExitRestart = 42,     // the operator ended the shell
   kExitTerminated = 43,  // SIGTERM, or not started because the system is going down
   kExitRestartApplication = 44,
+  kExitInterrupted = 130,  // SIGINT, where no console takes it; as a shell counts signals
 };

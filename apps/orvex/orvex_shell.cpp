@@ -1,35 +1,30 @@
-// The shell's loop: lines from standard input, until one of them or another thread ends it.
+// The shell's loop: commands from the console, until one of them or another thread ends it.
 #include "apps/orvex/orvex_shell.h"
 
-#include <poll.h>
-#include <unistd.h>
+#include <cstring>
 
-#include <cerrno>
-#include <cstdio>
+#include "lib/platform/console_owner.h"
+#include "lib/scripting/script_bootstrap.h"
 
-OrvexShell::OrvexShell() = default;
+OrvexShell::OrvexShell()
+    : m_editor(lattix::MakeLineEditor("Orvex> ")),
+      m_debugger_console(MakeLineEditorIoConsole(lattix::MakeLineEditor("Plumscript Debugger> "))) {
+}
+
 OrvexShell::~OrvexShell() = default;
 
 void OrvexShell::RequestExit(int status) {
+  if (m_exit_requested.exchange(true)) return;
   m_exit_status = status;
-  if (!m_exit_requested.exchange(true)) m_exit_waker.Wake();
+  m_exit_event.Set();
+  lattix::EndConsoleInput();
+  const std::lock_guard lock(m_bootstrap_mutex);
+  if (m_bootstrap != nullptr) m_bootstrap->RequestEnd();
 }
 
 void OrvexShell::RunConsole(const std::string& prompt) {
-  std::string line;
-  std::fputs(prompt.c_str(), stdout);
-  while (!m_exit_requested) {
-    pollfd fds[] = {{STDIN_FILENO, POLLIN, 0}, {m_exit_waker.GetReadFd(), POLLIN, 0}};
-    if (::poll(fds, 2, -1) < 0 && errno == EINTR) continue;
-    if (fds[0].revents == 0) continue;
-    char ch;
-    if (::read(STDIN_FILENO, &ch, 1) <= 0) return;
-    if (ch != '\n' && ch != '\r') {
-      line += ch;
-      continue;
-    }
-    if (line == "exit") return;
-    line.clear();
-    std::fputs(prompt.c_str(), stdout);
-  }
+  m_editor->SetPrompt(prompt);
+  m_editor->Run([](int count, const char** words) {
+    return count != 1 || std::strcmp(words[0], "exit") != 0;
+  });
 }

@@ -2,10 +2,18 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 
-#include "lib/platform/poll_waker.h"
+#include "lib/platform/line_editor.h"
+#include "lib/platform/simple_event.h"
 #include "lib/platform/singleton.h"
+#include "lib/scripting/console_on_line_editor.h"
+#include "lib/scripting/script_interpreter.h"
+
+class Bootstrap;
 
 // Created by main() when every service is there; its start routine holds the main thread until the
 // player is to end.
@@ -22,14 +30,28 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   int GetExitStatus() const { return m_exit_status; }
   void SetExitStatus(int status) { m_exit_status = status; }
 
-  // Ends the console's loop with this exit status. From any thread, at any time.
+  // Ends the console, or the supervisor, and with it the player, which then ends in order with this
+  // exit status and no other. From any thread, a signal observer too; the first request counts.
   void RequestExit(int status);
 
  private:
+  // How the player runs when a supervisor does the presentation. None: there is none, or it failed
+  // and the presentation is to be played without.
+  std::optional<int> RunSupervised();
+  // How it runs when it plays the presentation itself.
+  int RunUnsupervised();
+  void OnPresentationEnd(ScriptInterpreter::ScriptResult result, bool once);
+  // The shell's status as the process's.
+  int ProcessStatus() const;
+
   // Reads and runs commands until `exit`, the end of the input, or RequestExit.
   void RunConsole(const std::string& prompt);
 
+  const std::shared_ptr<lattix::LineEditor> m_editor;
   std::atomic<int> m_exit_status{1};
   std::atomic<bool> m_exit_requested{false};
-  PollWaker m_exit_waker;
+  SimpleEvent m_exit_event;  // set by RequestExit
+  std::mutex m_bootstrap_mutex;
+  Bootstrap* m_bootstrap = nullptr;  // while it runs; guarded by m_bootstrap_mutex
+  const std::shared_ptr<LineEditorIoConsole> m_debugger_console;
 };

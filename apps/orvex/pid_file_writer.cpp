@@ -38,7 +38,9 @@ std::string RemovePidFile() {
   return fmt::format("Failed to remove {}: {}: {}\n", kPidFile, errno, lattix::ErrorText(errno));
 }
 
-[[noreturn]] void FastExit() {
+}  // namespace
+
+void PidFileWriter::EndAtOnce(int status) {
   try {
     SayUnlessBlocked(
         fmt::format("Orvex application tarsk-{} fast exit\n", lattix::FirmwareVersionText()));
@@ -49,10 +51,8 @@ std::string RemovePidFile() {
   // Taken out and not destroyed: another thread may be calling it.
   if (HtmlRendererLauncher* launcher = HtmlRendererSlot::Take().release()) launcher->EndRenderer();
   SayUnlessBlocked(RemovePidFile());
-  ::_exit(kExitTerminated);
+  ::_exit(status);
 }
-
-}  // namespace
 
 PidFileWriter::PidFileWriter() {
   if (FILE* file = std::fopen(lattix::DevicePath(kPidFile).c_str(), "we")) {
@@ -68,5 +68,8 @@ PidFileWriter::~PidFileWriter() {
 }
 
 void PidFileWriter::OnSignal(const siginfo_t& info) {
-  if (info.si_signo == SIGTERM) FastExit();
+  if (info.si_signo != SIGTERM) return;
+  SayUnlessBlocked(
+      fmt::format("Orvex application tarsk-{} fast exit\n", lattix::FirmwareVersionText()));
+  EndAtOnce(kExitTerminated);
 }

@@ -11,6 +11,8 @@
 #include "lib/platform/singleton.h"
 #include "lib/scripting/filename_mapper.h"
 
+class AutoScriptInvoker;
+
 // Created by whoever starts the process, before the first script, and destroyed after the last
 // object is gone. Members may be called from any thread.
 class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
@@ -31,6 +33,19 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
   // thread, the first user starts it; what is still queued when the globals go is dropped.
   DispatchQueue& GetFlushQueue();
 
+  // What plays the device's presentation; null in a program that runs scripts by itself, and while
+  // the player is supervised. Whoever sets it takes it back before the script runtime's services
+  // go. The class is the script host's, which this library knows nothing of: hence the shared
+  // pointer, which can destroy what it does not know.
+  std::shared_ptr<AutoScriptInvoker> GetAutoScriptInvoker() const {
+    const std::lock_guard lock(m_mutex);
+    return m_invoker;
+  }
+  void SetAutoScriptInvoker(std::shared_ptr<AutoScriptInvoker> invoker) {
+    const std::lock_guard lock(m_mutex);
+    m_invoker.swap(invoker);  // the one before is destroyed without the lock
+  }
+
   // Whether scripts place their widgets in zones; off until a script asks for it.
   bool IsZoneSupportEnabled() const { return m_zone_support; }
   void EnableZoneSupport(bool enable) { m_zone_support = enable; }
@@ -38,9 +53,10 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
  private:
   FilenameMapper m_filename_mapper;
   std::atomic<bool> m_zone_support{false};
-  std::mutex m_mutex;
+  mutable std::mutex m_mutex;
   // Guarded by m_mutex; null: somebody else's, or none.
   std::unique_ptr<PollThread> m_poll_thread;
   std::unique_ptr<HardwareConfig> m_hardware_config;
   std::unique_ptr<DispatchQueue> m_flush_queue;
+  std::shared_ptr<AutoScriptInvoker> m_invoker;
 };
