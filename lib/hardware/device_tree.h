@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace device_tree {
@@ -24,5 +25,10 @@ uint32_t RequireCell(const std::string& property);
 
 // Whether the property is there, whatever it holds.
 bool Flag(const std::string& property);
+
+// A string of the root node of a flattened tree, which a file or partition (device path) begins
+// with. Reads little, however large the rest. Throws lattix::ErrnoException, and std::runtime_error
+// for what is no tree or lacks the property.
+std::string FlatRootString(const std::string& device_path, std::string_view property);
 
 }  // namespace device_tree

@@ -10,6 +10,7 @@
 #include <charconv>
 #include <vector>
 
+#include "lib/hardware/device_secrets.h"
 #include "lib/hardware/device_tree.h"
 #include "lib/platform/device_file.h"
 #include "lib/platform/device_path.h"
@@ -144,6 +145,17 @@ Number ParseNumber(std::string_view text, int base) {
   return number;
 }
 
+// Empty for a text that is no hexadecimal.
+std::string HexBytes(std::string_view text) {
+  std::string bytes;
+  for (; text.size() >= 2; text.remove_prefix(2)) {
+    uint8_t byte = 0;
+    if (std::from_chars(text.data(), text.data() + 2, byte, 16).ptr != text.data() + 2) return {};
+    bytes += static_cast<char>(byte);
+  }
+  return text.empty() ? bytes : std::string();
+}
+
 // The next word of a text, at most so many characters of it: what is longer continues in the next.
 std::string TakeWord(std::string_view* text, size_t limit) {
   constexpr std::string_view kSpace = " \t\n\v\f\r";
@@ -211,6 +223,25 @@ void HardwareConfig::IdentifyBoard() {
 
 uint16_t HardwareConfig::GetHardwareRevision() const {
   return ParseNumber<uint16_t>(m_device_data.Get("PS_HWREV"), 10);
+}
+
+HardwareConfig::Authenticity HardwareConfig::CheckDeviceData() const {
+  if (!DeviceSecrets::Exists()) return Authenticity::kUnchecked;
+  try {
+    return DeviceSecrets::GetInstance().IsDeviceDataGenuine(
+               m_device_data.SignedText(), HexBytes(m_device_data.Get("PS_SIGNATURE")))
+               ? Authenticity::kGenuine
+               : Authenticity::kForged;
+  } catch (const DeviceSecrets::Error&) {
+    return Authenticity::kUnchecked;
+  }
+}
+
+bool HardwareConfig::IsRestricted() const {
+  if (m_device_data.Get("PS_RESTRICTED") == "1") return true;
+  if (CheckDeviceData() != Authenticity::kForged) return false;
+  lattix::Log("{}: the signature is not the manufacturer's\n", DeviceData::kPath);
+  return true;
 }
 
 bool HardwareConfig::HasFeature(std::string_view name) const {

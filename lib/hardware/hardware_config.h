@@ -53,9 +53,15 @@ class HardwareConfig : public lattix::Singleton<HardwareConfig> {
   // The I2C bus of the real-time clock.
   std::optional<uint32_t> GetRtcI2cBus() const { return m_rtc_i2c_bus; }
 
-  // A unit that leaves manufacture for good ("PS_RESTRICTED" is "1" in the device data): the shell
-  // withholds its low-level commands, and ends with status 41 instead of 42.
-  bool IsRestricted() const { return m_device_data.Get("PS_RESTRICTED") == "1"; }
+  // What the device data's signature ("PS_SIGNATURE", in hexadecimal) says. With a key on the unit
+  // and no signature, the data counts as forged: otherwise taking the signature out would do.
+  enum class Authenticity { kUnchecked /* no key to tell */, kGenuine, kForged };
+  Authenticity CheckDeviceData() const;
+
+  // A unit that has left manufacture for good ("PS_RESTRICTED" is "1" in the device data), or whose
+  // device data is forged: the shell withholds its low-level commands, and ends with status 41
+  // instead of 42.
+  bool IsRestricted() const;
 
   // Whether the HDMI service has found an audio return channel.
   bool IsEarcCapable() const { return m_earc_capable.load(std::memory_order_relaxed); }

@@ -8,6 +8,7 @@
 
 #include "lib/hardware/boot_versions.h"
 #include "lib/hardware/device_data.h"
+#include "lib/hardware/device_secrets.h"
 #include "lib/hardware/hardware_config.h"
 #include "lib/hardware/load_statistics.h"
 #include "lib/hardware/temperature.h"
@@ -105,6 +106,46 @@ TEST_F(Unit, IsIdentified) {
   const HardwareConfig unit;
   EXPECT_EQ(unit.GetSecureId(), "by partition");
   EXPECT_EQ(unit.GetBoardName(), "rk3588");
+}
+
+// Knows one signature, if it has a key at all.
+class Secrets final : public DeviceSecrets {
+ public:
+  explicit Secrets(bool has_key) : m_has_key(has_key) {}
+  std::string DecipherSource(std::string_view) const override { return {}; }
+  std::string Reveal(std::string_view) const override { return {}; }
+  bool IsUnlockCode(std::string_view) const override { return false; }
+  bool IsDeviceDataGenuine(std::string_view data, std::string_view signature) const override {
+    if (!m_has_key) throw Error("no key");
+    return data == "PS_FORMAT=1\nPS_HWFLAGS=1\n" && signature == "\x01\xff";
+  }
+
+ private:
+  const bool m_has_key;
+};
+
+TEST_F(Unit, IsRestrictedWhenItsDataIsForged) {
+  using enum HardwareConfig::Authenticity;
+  struct Row {
+    const char* data;
+    HardwareConfig::Authenticity authenticity;
+  };
+  constexpr Row kRows[] = {
+      {"PS_SIGNATURE=01Ff\nPS_HWFLAGS=1\nPS_FORMAT=1\n", kGenuine},
+      {"PS_SIGNATURE=01ff\nPS_HWFLAGS=3\nPS_FORMAT=1\n", kForged},
+      {"PS_SIGNATURE=01ff0\nPS_HWFLAGS=1\nPS_FORMAT=1\n", kForged},
+      {"PS_HWFLAGS=1\nPS_FORMAT=1\n", kForged},
+  };
+  for (const Row& row : kRows) {
+    root.Write(DeviceData::kPath, row.data);
+    const HardwareConfig unit;
+    EXPECT_EQ(unit.CheckDeviceData(), kUnchecked);
+    for (const bool has_key : {false, true}) {
+      const Secrets secrets(has_key);
+      EXPECT_EQ(unit.CheckDeviceData(), has_key ? row.authenticity : kUnchecked) << row.data;
+      EXPECT_EQ(unit.IsRestricted(), has_key && row.authenticity == kForged) << row.data;
+    }
+  }
 }
 
 TEST_F(Unit, HasTheFeaturesThatItsFlagsGive) {
