@@ -1,6 +1,7 @@
 // koAssociativeArray: comparison of keys, the order of enumeration, and the index of large arrays.
 #include <strings.h>
 
+#include <chrono>
 #include <list>
 #include <random>
 
@@ -163,7 +164,15 @@ TEST_F(AssocArray, ComparesKeysOfAnyLength) {
 struct AssocUse {
   int keys;        // how many different keys there are
   bool sensitive;  // from the middle on
+  bool colliding = false;
 };
+
+// The number in brackets and braces, which differ in a bit that the hash folds away.
+std::string collidingKey(int number, int bits = 17) {
+  std::string key;
+  for (int bit = 0; bit < bits; bit++) key += (number >> bit) & 1 ? '[' : '{';
+  return key;
+}
 class AssocBehaviour : public AssocArray, public testing::WithParamInterface<AssocUse> {};
 
 TEST_P(AssocBehaviour, FollowsItsRulesUnderRandomUse) {
@@ -172,7 +181,9 @@ TEST_P(AssocBehaviour, FollowsItsRulesUnderRandomUse) {
   AssocModel model;
   // Keys in several spellings, and keys whose hash is the same although they differ.
   const auto randomKey = [&] {
-    std::string key = (random() % 2 ? "key[" : "key{") + std::to_string(random() % use.keys);
+    const int number = static_cast<int>(random() % static_cast<unsigned>(use.keys));
+    std::string key = (random() % 2 ? "key[" : "key{") +
+                      (use.colliding ? collidingKey(number) : std::to_string(number));
     for (char& c : key) {
       if (c >= 'a' && c <= 'z' && random() % 4 == 0) c = static_cast<char>(c - 0x20);
     }
@@ -219,7 +230,8 @@ TEST_P(AssocBehaviour, FollowsItsRulesUnderRandomUse) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, AssocBehaviour,
                          testing::Values(AssocUse{4, false}, AssocUse{12, true},
-                                         AssocUse{100, false}, AssocUse{400, true}));
+                                         AssocUse{100, false}, AssocUse{400, true},
+                                         AssocUse{1000, false, true}, AssocUse{1000, true, true}));
 
 // The index grows while entries come and shrinks its chains while they go.
 TEST_F(AssocArray, StaysExactAtManyKeys) {
@@ -240,7 +252,39 @@ TEST_F(AssocArray, StaysExactAtManyKeys) {
     const Value next(clAssociativeArray.if_enum->Next(array.object()));
   }
   EXPECT_EQ(count, kKeys - kKeys / 3);
+  EXPECT_FALSE(pscData<psAssocArray>(array.object())->seeded);
   for (int i = 0; i < kKeys; i++) methods->Delete(array.object(), key(i));
+  EXPECT_EQ(call("IsEmpty"), "true");
+}
+
+// Keys that somebody has made to collide cost about what others do: growing with their number, not
+// with its square. The second round's keys differ in case only.
+TEST_F(AssocArray, KeysMadeToCollideCostNoMore) {
+  const psIfAssociativeArray* methods = clAssociativeArray.if_assoc;
+  constexpr int kKeys = 100'000;
+  const auto timed = [&](const auto& make) {
+    std::vector<std::string> keys;
+    for (int i = 0; i < kKeys; i++) keys.push_back(make(i));
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kKeys; i++) {
+      methods->AddReplace(array.object(), keys[static_cast<size_t>(i)], psIntegerValue(i));
+    }
+    for (int i = 0; i < kKeys; i++) {
+      EXPECT_EQ(methods->Lookup(array.object(), keys[static_cast<size_t>(i)]).value.i, i);
+    }
+    for (const std::string& key : keys) EXPECT_TRUE(methods->Delete(array.object(), key));
+    return std::chrono::steady_clock::now() - start;
+  };
+  const auto usual = timed([](int i) { return "key" + std::to_string(i + 1'000'000'000); });
+  EXPECT_LT(timed([](int i) { return collidingKey(i); }), usual * 20);
+  call("Clear");
+  call("SetModeCaseSensitive");
+  EXPECT_LT(timed([](int i) {
+              std::string key = collidingKey(i);
+              for (char& c : key) c = c == '[' ? 'a' : 'A';
+              return key;
+            }),
+            usual * 20);
   EXPECT_EQ(call("IsEmpty"), "true");
 }
 

@@ -15,11 +15,16 @@
 //     the key and is as good as random.
 //  2. Entries with the same hash are found newest first, in the index as in their bucket: in
 //     case-sensitive mode several keys that differ in case lie side by side, and a lookup that
-//     ignores case takes the newest.
+//     ignores case takes the newest. Only a seeded index does without: it goes by the whole key in
+//     that mode, and a lookup that ignores case walks the bucket.
 //  3. enum_entry is null or points at a linked entry, so whatever unlinks an entry advances the
 //     enumeration first.
 //  4. A value that leaves the array is released after the lock has been let go of: releasing the
 //     last reference of an object runs its destructor, which may want other locks.
+//  5. No entry lies farther than kLongestProbe behind its home, unless memory is short: an index
+//     that would need it has met keys made to collide, and is seeded for good.
+#include <sys/random.h>
+
 #include <cstddef>
 #include <cstring>
 #include <new>
@@ -35,6 +40,8 @@ constexpr uint32_t kIndexFrom = 32;
 constexpr uint32_t kFirstIndexSize = 128;
 constexpr uint32_t kMaxIndexSize = 1u << 30;
 constexpr uint32_t kRunBits = 3;  // of a place's number within its run, which is a cache line
+// Half full, with keys that nobody has chosen, an index of millions stays below half of this.
+constexpr uint32_t kLongestProbe = 512;
 
 // The lowest bits of the hash, which entries of the same run do not share. An address takes what is
 // left of a word: the kernel maps no memory above 2^48 unless asked to.
@@ -142,18 +149,62 @@ uint32_t lastSum(uint32_t hash) {
   return hash * kInverse;
 }
 
-uint32_t home(const psAssocArray* me, uint32_t hash) {
+// The secret of the process, made when an index is first seeded.
+struct Seed {
+  uint64_t start = 0x9e3779b97f4a7c15u;
+  uint64_t factor = 0xd1342543de82ef95u;
+
+  Seed() {
+    uint64_t random[2];
+    if (getrandom(random, sizeof random, GRND_NONBLOCK) != sizeof random) return;
+    start ^= random[0];
+    factor = random[1] | 1;
+  }
+};
+
+// Multiplication to 128 bits spreads each word over the sum of both halves.
+uint64_t mixed(uint64_t word, uint64_t factor) {
+  const auto product = static_cast<unsigned __int128>(word) * factor;
+  return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+}
+
+// Of the key as it is, or of its folded form.
+[[gnu::noinline]] uint64_t secretHash(psText key, bool case_sensitive) {
+  static const Seed seed;
+  uint64_t h = seed.start ^ key.size();
+  const char* p = key.data();
+  const auto add = [&](uint64_t word) {
+    h = mixed(h ^ (case_sensitive ? word : foldCase(word)), seed.factor);
+  };
+  size_t n = key.size();
+  for (; n >= 8; n -= 8, p += 8) add(loadWord(p));
+  if (n > 0) add(loadTail(p, n));
+  return mixed(h, seed.factor);
+}
+
+// Where the index looks for a key first, and what it compares there.
+struct Start {
+  uint32_t home;
+  uint64_t tag;
+};
+
+Start startOf(const psAssocArray* me, psText key, uint32_t hash) {
+  if (__builtin_expect(me->seeded, 0)) {
+    const uint64_t secret = secretHash(key, me->case_sensitive);
+    return {static_cast<uint32_t>(secret >> kTagBits) & me->index_mask, secret & kTagMask};
+  }
   const uint32_t sum = lastSum(hash);
   const uint32_t run = ((sum >> kRunBits) * 0x9e3779b1u) >> me->index_shift;
-  return run << kRunBits | (sum & ((1u << kRunBits) - 1));
+  return {run << kRunBits | (sum & ((1u << kRunBits) - 1)), hash & kTagMask};
+}
+Start startOf(const psAssocArray* me, const psAssocEntry* entry) {
+  return startOf(me, {entry->key, entry->key_length}, entry->hash);
 }
 uint32_t following(const psAssocArray* me, uint32_t place) { return (place + 1) & me->index_mask; }
 
-uint64_t tagOf(uint32_t hash) { return hash & kTagMask; }
 uint64_t tagOf(psAssocSlot slot) { return slot.word & kTagMask; }
-
-psAssocSlot slotOf(const psAssocEntry* entry) {
-  return {reinterpret_cast<uint64_t>(entry) << kTagBits | tagOf(entry->hash)};
+psAssocSlot slotOf(const psAssocEntry* entry, uint64_t tag) {
+  return {reinterpret_cast<uint64_t>(entry) << kTagBits | tag};
 }
 psAssocEntry* entryOf(psAssocSlot slot) {  // null for a free one
   return reinterpret_cast<psAssocEntry*>(slot.word >> kTagBits);
@@ -164,32 +215,39 @@ bool isFree(psAssocSlot slot) { return slot.word == 0; }
 struct Probe {
   uint32_t place;
   bool crossed;  // an entry with the same tag was passed on the way
+  Start start;
 };
 
 Probe probe(const psAssocArray* me, psText key, uint32_t hash, bool case_sensitive) {
-  const uint64_t tag = tagOf(hash);
+  const Start start = startOf(me, key, hash);
   bool crossed = false;
-  for (uint32_t place = home(me, hash);; place = following(me, place)) {
+  for (uint32_t place = start.home;; place = following(me, place)) {
     const psAssocSlot slot = me->index[place];
-    if (isFree(slot)) return {place, crossed};
-    if (tagOf(slot) != tag) continue;
-    if (isKey(entryOf(slot), key, hash, case_sensitive)) return {place, crossed};
+    if (isFree(slot)) return {place, crossed, start};
+    if (tagOf(slot) != start.tag) continue;
+    if (isKey(entryOf(slot), key, hash, case_sensitive)) return {place, crossed, start};
     crossed = true;
   }
 }
 
+bool isTooFar(const psAssocArray* me, const Probe& at) {
+  return ((at.place - at.start.home) & me->index_mask) > kLongestProbe && !me->seeded;
+}
+
 // Puts an entry behind all others of its home (they are newer).
 void indexOlder(psAssocArray* me, const psAssocEntry* entry) {
-  uint32_t place = home(me, entry->hash);
+  const Start start = startOf(me, entry);
+  uint32_t place = start.home;
   while (!isFree(me->index[place])) place = following(me, place);
-  me->index[place] = slotOf(entry);
+  me->index[place] = slotOf(entry, start.tag);
 }
 
 // Puts an entry in front of those with the same tag, the ones with the same hash among them, which
 // move down one place each. The entry may be one of them: then it moves to the front.
 void indexNewest(psAssocArray* me, psAssocEntry* entry) {
-  psAssocSlot carried = slotOf(entry);
-  for (uint32_t place = home(me, entry->hash);; place = following(me, place)) {
+  const Start start = startOf(me, entry);
+  psAssocSlot carried = slotOf(entry, start.tag);
+  for (uint32_t place = start.home;; place = following(me, place)) {
     psAssocSlot& slot = me->index[place];
     if (isFree(slot)) {
       slot = carried;
@@ -203,13 +261,14 @@ void indexNewest(psAssocArray* me, psAssocEntry* entry) {
 
 // Takes an entry out and closes the gap, so that no probe ever meets a hole before its goal.
 void indexRemove(psAssocArray* me, const psAssocEntry* entry) {
-  const uint64_t word = slotOf(entry).word;
-  uint32_t hole = home(me, entry->hash);
+  const Start start = startOf(me, entry);
+  const uint64_t word = slotOf(entry, start.tag).word;
+  uint32_t hole = start.home;
   while (me->index[hole].word != word) hole = following(me, hole);
   for (uint32_t place = following(me, hole); !isFree(me->index[place]);
        place = following(me, place)) {
     const psAssocSlot slot = me->index[place];
-    const uint32_t from_home = (place - home(me, entryOf(slot)->hash)) & me->index_mask;
+    const uint32_t from_home = (place - startOf(me, entryOf(slot)).home) & me->index_mask;
     if (from_home < ((place - hole) & me->index_mask)) continue;
     me->index[hole] = slot;
     hole = place;
@@ -233,6 +292,13 @@ bool newIndex(psAssocArray* me, uint32_t size) {
 
 void fillIndex(psAssocArray* me) {
   visitAll(me->buckets, [me](const psAssocEntry* entry) { indexOlder(me, entry); });
+}
+
+// Goes over to the secret hash, or to another form of it.
+[[gnu::cold]] void seedIndex(psAssocArray* me) {
+  me->seeded = true;
+  std::memset(me->index, 0, indexBytes(me));
+  fillIndex(me);
 }
 
 void buildIndex(psAssocArray* me) {
@@ -338,8 +404,10 @@ psTypedValue addReplace(psAssocArray* me, psText key, uint32_t hash, const psTyp
   }
   linkNewest(me, entry);
   if (me->index != nullptr) {
-    if (me->index == probed && !at.crossed) {
-      me->index[at.place] = slotOf(entry);
+    if (me->index == probed && isTooFar(me, at)) {
+      seedIndex(me);
+    } else if (me->index == probed && !at.crossed) {
+      me->index[at.place] = slotOf(entry, at.start.tag);
     } else {
       indexNewest(me, entry);
     }
@@ -362,6 +430,7 @@ Detached detachAll(psAssocArray* me) {
   detached.index_bytes = indexBytes(me);
   std::memset(me->buckets, 0, sizeof me->buckets);
   me->index = nullptr;
+  me->seeded = false;
   me->count = 0;
   me->enum_entry = nullptr;
   return detached;
@@ -439,6 +508,7 @@ void SetModeCaseSensitive(pscInstance* self) {
   psAssocArray* me = assocOf(self);
   const psGuard guard(me->lock);
   me->case_sensitive = true;
+  if (me->seeded) seedIndex(me);
 }
 
 // Scripts rely on this: object.member ignores case even in case-sensitive mode.
@@ -593,7 +663,7 @@ constinit pscClass clAssociativeArray = [] {
 }();
 
 psAssocEntry* psAssocFind(psAssocArray* array, psText key, uint32_t hash, bool case_sensitive) {
-  if (array->index == nullptr) {
+  if (array->index == nullptr || (array->seeded && array->case_sensitive && !case_sensitive)) {
     psAssocEntry* entry = array->buckets[psKeyBucket(hash)];
     for (; entry != nullptr; entry = entry->next) {
       if (isKey(entry, key, hash, case_sensitive)) return entry;

@@ -68,6 +68,10 @@ inline psText psByteArrayText(const psByteArray* array) {
 // Sixteen buckets give the order of enumeration: bucket 0 to 15, in each the newest entry first. A
 // large array has an index beside them (open addressing over all entries by hash), so that a lookup
 // costs the same at any size. The hash folds ASCII case, the comparison decides.
+//
+// The hash is fixed, as the buckets follow from it, and so anybody can make keys that share it. An
+// index that meets such keys goes over to a hash of its own, which nobody outside the process
+// knows.
 struct psAssocEntry {
   psAssocEntry* next;  // in its bucket, older
   psAssocEntry* prev;  // newer; null for the newest
@@ -77,8 +81,8 @@ struct psAssocEntry {
   char key[];  // NUL-terminated, as it was given; zero bytes up to a multiple of 8
 };
 
-// A place in the index: the address of an entry above 16 bits of its hash, so that a place that
-// does not match costs no second cache miss.
+// A place in the index: the address of an entry above 16 bits of the hash that the index goes by,
+// so that a place that does not match costs no second cache miss.
 struct psAssocSlot {
   uint64_t word;  // 0: free
 };
@@ -93,6 +97,7 @@ struct psAssocArray {
   int32_t enum_bucket;
   psAssocEntry* enum_entry;  // the entry Next gives; null at the end
   bool case_sensitive;
+  bool seeded;  // the index goes by the secret hash
   psRecursiveLock lock;
 };
 
