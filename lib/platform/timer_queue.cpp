@@ -4,7 +4,10 @@
 // its call, as nearly all are, needs no group.
 //
 // Heaps order by due time, then by a serial number that keeps equal times in the order of their
-// addition, and note the place of every slot, so that a timer can be taken out of the middle.
+// addition. The serial number of a slot's timer tells too whether a heap's entry is that timer's or
+// one's that is gone: a cancelled timer stays in the queue until it comes to the front, or until
+// half of the queue is such. Taking it out of the middle would touch memory at random for every
+// timer that is armed anew, as most are; the front of the queue is always a pending timer.
 //
 // The cost with many timers is the cost of cache misses. So there are no nodes: everything lies in
 // arrays, by slot number where it belongs to one timer; the heaps are flat, with eight children
@@ -21,89 +24,68 @@ namespace {
 
 using Slot = uint32_t;
 using GroupNumber = uint32_t;
-constexpr GroupNumber kNoGroup = UINT32_MAX;
 
-struct Timer {
-  TimerCall call;
-  uint64_t serial;
-  GroupNumber group;  // kNoGroup for a timer that is alone with its call
-};
-
-// A min-heap of slots. The timers, whose serial numbers order equal due times, are its user's, and
-// so is what tells where the heap notes the place of a slot.
-class SlotHeap {
+// A min-heap of timers.
+class TimerHeap {
  public:
   struct Entry {
     int64_t due;
+    uint64_t serial;
     Slot slot;
+
+    bool IsBefore(const Entry& other) const {
+      return due != other.due ? due < other.due : serial < other.serial;
+    }
   };
 
   bool IsEmpty() const { return m_entries.empty(); }
   size_t Size() const { return m_entries.size(); }
   const Entry& Front() const { return m_entries.front(); }
-  const Entry& At(size_t place) const { return m_entries[place]; }
 
-  void Push(const Entry& entry, const std::vector<Timer>& timers, std::vector<uint32_t>* places) {
+  void Push(const Entry& entry) {
+    size_t place = m_entries.size();
     m_entries.push_back(entry);
-    Order{m_entries, timers, *places}.MoveUp(m_entries.size() - 1, entry);
+    while (place > 0 && entry.IsBefore(m_entries[Parent(place)])) {
+      m_entries[place] = m_entries[Parent(place)];
+      place = Parent(place);
+    }
+    m_entries[place] = entry;
   }
 
-  void Remove(Slot slot, const std::vector<Timer>& timers, std::vector<uint32_t>* places) {
-    const size_t place = (*places)[slot];
+  void Pop() {
     const Entry last = m_entries.back();
     m_entries.pop_back();
-    if (place == m_entries.size()) return;
-    Order order{m_entries, timers, *places};
-    if (place > 0 && order.IsBefore(last, m_entries[Order::Parent(place)])) {
-      order.MoveUp(place, last);
-    } else {
-      order.MoveDown(place, last);
+    if (!m_entries.empty()) MoveDown(0, last);
+  }
+
+  template <typename IsGone>
+  void EraseIf(IsGone is_gone) {
+    if (std::erase_if(m_entries, is_gone) == 0 || m_entries.size() < 2) return;
+    for (size_t place = Parent(m_entries.size() - 1) + 1; place-- > 0;) {
+      MoveDown(place, Entry(m_entries[place]));
     }
   }
 
  private:
-  struct Order {
-    static constexpr size_t kArity = 8;
+  static constexpr size_t kArity = 8;
 
-    std::vector<Entry>& entries;
-    const std::vector<Timer>& timers;
-    std::vector<uint32_t>& places;
+  static size_t Parent(size_t place) { return (place - 1) / kArity; }
 
-    static size_t Parent(size_t place) { return (place - 1) / kArity; }
-
-    bool IsBefore(const Entry& a, const Entry& b) const {
-      return a.due != b.due ? a.due < b.due : timers[a.slot].serial < timers[b.slot].serial;
-    }
-
-    void Put(size_t place, const Entry& entry) {
-      entries[place] = entry;
-      places[entry.slot] = static_cast<uint32_t>(place);
-    }
-
-    void MoveUp(size_t place, const Entry entry) {
-      while (place > 0 && IsBefore(entry, entries[Parent(place)])) {
-        Put(place, entries[Parent(place)]);
-        place = Parent(place);
+  void MoveDown(size_t place, const Entry& entry) {
+    for (;;) {
+      const size_t first = place * kArity + 1;
+      if (first >= m_entries.size()) break;
+      const size_t end = std::min(first + kArity, m_entries.size());
+      size_t least = first;
+      for (size_t child = first + 1; child < end; ++child) {
+        if (m_entries[child].IsBefore(m_entries[least])) least = child;
       }
-      Put(place, entry);
+      if (!m_entries[least].IsBefore(entry)) break;
+      m_entries[place] = m_entries[least];
+      place = least;
     }
-
-    void MoveDown(size_t place, const Entry entry) {
-      for (;;) {
-        const size_t first = place * kArity + 1;
-        if (first >= entries.size()) break;
-        const size_t end = std::min(first + kArity, entries.size());
-        size_t least = first;
-        for (size_t child = first + 1; child < end; ++child) {
-          if (IsBefore(entries[child], entries[least])) least = child;
-        }
-        if (!IsBefore(entries[least], entry)) break;
-        Put(place, entries[least]);
-        place = least;
-      }
-      Put(place, entry);
-    }
-  };
+    m_entries[place] = entry;
+  }
 
   std::vector<Entry> m_entries;
 };
@@ -207,17 +189,31 @@ class HolderTable {
 }  // namespace
 
 struct TimerQueue::Impl {
-  SlotHeap queue;
+  // Below this, entries of timers that are gone are not worth a look at all others.
+  static constexpr size_t kSmallQueue = 64;
+  static constexpr uint64_t kFree = UINT64_MAX;
+
+  TimerHeap queue;
+  size_t gone = 0;  // entries of the queue whose timer is gone
   HolderTable table;
   uint64_t next_serial = 0;
 
+  // Half a cache line, and never parts of two.
+  struct alignas(32) SlotCall {
+    TimerCall call;
+  };
+  static_assert(sizeof(SlotCall) == 32);
+
   // By slot.
-  std::vector<Timer> timers;
-  std::vector<uint32_t> places;        // in the queue
-  std::vector<uint32_t> group_places;  // in the heap of the timer's group
+  std::vector<SlotCall> calls;
+  struct Pending {
+    uint64_t serial;  // kFree without a timer
+    int64_t due;
+  };
+  std::vector<Pending> pending;
   std::vector<Slot> free_slots;
 
-  std::vector<SlotHeap> groups;  // by number
+  std::vector<TimerHeap> groups;  // by number; none holds timers that are gone
   std::vector<GroupNumber> free_groups;
 
   // The first timer of those that are held.
@@ -225,31 +221,25 @@ struct TimerQueue::Impl {
     return holder.is_group ? groups[holder.number].Front().slot : holder.number;
   }
 
-  size_t Find(const TimerCall& call) const {
-    return table.Find(HashOf(call),
-                      [&](Holder holder) { return timers[First(holder)].call == call; });
+  size_t Find(const TimerCall& call, uint32_t hash) const {
+    return table.Find(hash, [&](Holder holder) { return calls[First(holder)].call == call; });
   }
 
-  Slot NewSlot(const TimerCall& call) {
+  Slot NewSlot(const TimerCall& call, int64_t due) {
     if (free_slots.empty()) {
-      free_slots.push_back(static_cast<Slot>(timers.size()));
-      timers.emplace_back();
-      places.push_back(0);
-      group_places.push_back(0);
+      free_slots.push_back(static_cast<Slot>(calls.size()));
+      calls.emplace_back();
+      pending.push_back({kFree, 0});
     }
     const Slot slot = free_slots.back();
     free_slots.pop_back();
-    timers[slot] = {call, next_serial++, kNoGroup};
+    calls[slot].call = call;
+    pending[slot] = {next_serial++, due};
     return slot;
   }
 
-  void AddToGroup(GroupNumber group, const SlotHeap::Entry& timer) {
-    groups[group].Push(timer, timers, &group_places);
-    timers[timer.slot].group = group;
-  }
-
   // The timer joins those with its call, at this index of the table.
-  void Join(size_t index, const SlotHeap::Entry& timer) {
+  void Join(size_t index, const TimerHeap::Entry& timer) {
     Holder holder = table.HolderAt(index);
     if (!holder.is_group) {
       if (free_groups.empty()) {
@@ -260,33 +250,43 @@ struct TimerQueue::Impl {
       holder = {free_groups.back(), true};
       free_groups.pop_back();
       table.Change(index, holder);
-      AddToGroup(holder.number, queue.At(places[other]));
+      groups[holder.number].Push({pending[other].due, pending[other].serial, other});
     }
-    AddToGroup(holder.number, timer);
+    groups[holder.number].Push(timer);
   }
 
-  // The timer leaves its group, at this index of the table, which goes when one timer is left.
-  void LeaveGroup(size_t index, GroupNumber number, Slot slot) {
-    SlotHeap& group = groups[number];
-    group.Remove(slot, timers, &group_places);
-    if (group.Size() > 1) return;
-    const Slot last = group.Front().slot;
-    group.Remove(last, timers, &group_places);
-    timers[last].group = kNoGroup;
-    free_groups.push_back(number);
-    table.Change(index, {last, false});
-  }
-
-  // The index of the table is that of the timer's call.
-  void Remove(size_t index, Slot slot) {
-    const GroupNumber group = timers[slot].group;
-    if (group == kNoGroup) {
+  // The first timer of those with a call, at this index of the table, is gone.
+  void RemoveFirst(size_t index) {
+    const Holder holder = table.HolderAt(index);
+    const Slot slot = First(holder);
+    if (!holder.is_group) {
       table.Erase(index);
     } else {
-      LeaveGroup(index, group, slot);
+      TimerHeap& group = groups[holder.number];
+      group.Pop();
+      if (group.Size() == 1) {
+        table.Change(index, {group.Front().slot, false});
+        group.Pop();
+        free_groups.push_back(holder.number);
+      }
     }
-    queue.Remove(slot, timers, &places);
+    pending[slot].serial = kFree;
     free_slots.push_back(slot);
+    ++gone;
+  }
+
+  bool IsGone(const TimerHeap::Entry& entry) const {
+    return pending[entry.slot].serial != entry.serial;
+  }
+
+  void ClearFront() {
+    while (!queue.IsEmpty() && IsGone(queue.Front())) {
+      queue.Pop();
+      --gone;
+    }
+    if (queue.Size() < kSmallQueue || gone * 4 < queue.Size() * 3) return;
+    queue.EraseIf([this](const TimerHeap::Entry& entry) { return IsGone(entry); });
+    gone = 0;
   }
 };
 
@@ -295,31 +295,35 @@ TimerQueue::TimerQueue() : m_impl(std::make_unique<Impl>()) {}
 TimerQueue::~TimerQueue() = default;
 
 void TimerQueue::Add(const TimerCall& call, int64_t due) {
-  const size_t index = m_impl->Find(call);
-  const SlotHeap::Entry timer = {due, m_impl->NewSlot(call)};
+  const uint32_t hash = HashOf(call);
+  const size_t index = m_impl->Find(call, hash);
+  const Slot slot = m_impl->NewSlot(call, due);
+  const TimerHeap::Entry timer = {due, m_impl->pending[slot].serial, slot};
   if (index == m_impl->table.Size()) {
-    m_impl->table.Add(HashOf(call), {timer.slot, false});
+    m_impl->table.Add(hash, {slot, false});
   } else {
     m_impl->Join(index, timer);
   }
-  m_impl->queue.Push(timer, m_impl->timers, &m_impl->places);
+  m_impl->queue.Push(timer);
 }
 
 void TimerQueue::Cancel(const TimerCall& call) {
-  const size_t index = m_impl->Find(call);
+  const size_t index = m_impl->Find(call, HashOf(call));
   if (index == m_impl->table.Size()) return;
-  m_impl->Remove(index, m_impl->First(m_impl->table.HolderAt(index)));
+  m_impl->RemoveFirst(index);
+  m_impl->ClearFront();
 }
 
 bool TimerQueue::IsEmpty() const { return m_impl->queue.IsEmpty(); }
 
-size_t TimerQueue::Size() const { return m_impl->queue.Size(); }
+size_t TimerQueue::Size() const { return m_impl->queue.Size() - m_impl->gone; }
 
 int64_t TimerQueue::NextDue() const { return m_impl->queue.Front().due; }
 
 TimerCall TimerQueue::TakeFirst() {
-  const Slot slot = m_impl->queue.Front().slot;
-  const TimerCall call = m_impl->timers[slot].call;
-  m_impl->Remove(m_impl->Find(call), slot);
+  // The first of all is also the first of those that make its call.
+  const TimerCall call = m_impl->calls[m_impl->queue.Front().slot].call;
+  m_impl->RemoveFirst(m_impl->Find(call, HashOf(call)));
+  m_impl->ClearFront();
   return call;
 }

@@ -22,8 +22,9 @@ struct TimerCall {
   bool operator==(const TimerCall&) const = default;
 };
 
-// Adding, cancelling and taking a timer cost logarithmic time each, also when very many timers are
-// pending and when many of them make the same call.
+// Adding, cancelling and taking a timer cost logarithmic time each, on the average of many, also
+// when very many timers are pending and when many of them make the same call. The memory is that of
+// the most timers that were ever pending.
 class TimerQueue {
  public:
   TimerQueue();
