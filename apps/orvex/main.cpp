@@ -21,6 +21,7 @@
 #include "apps/orvex/orvex_shell.h"
 #include "apps/orvex/pid_file_writer.h"
 #include "apps/orvex/preload.h"
+#include "lib/hardware/device_secrets/key_files.h"
 #include "lib/hardware/hardware_config.h"
 #include "lib/hardware/memory_pressure_monitor.h"
 #include "lib/hardware/power_manager.h"
@@ -108,6 +109,7 @@ int RunShell() {
 // What the script host and its scripts reach.
 int RunServices() {
   PowerManager power_manager;
+  KeyFileSecrets secrets;
   KelvoObjectGlobals globals;
   DbusPsObjectServerFactory object_server_factory;
   const std::unique_ptr<MemoryPressureMonitor> monitor = MemoryPressureMonitor::Create();
