@@ -15,7 +15,6 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
-#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <stop_token>
@@ -24,6 +23,7 @@
 
 #include "lib/platform/assertion.h"
 #include "lib/platform/async_signals.h"
+#include "lib/platform/condition_variable.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/errno_exception.h"
 #include "lib/platform/log.h"
@@ -45,7 +45,7 @@ namespace {
 constexpr int kNoStorage = -1;
 constexpr std::chrono::milliseconds kSplashInterval(250);
 // For which Stop waits for a script inside a native call.
-constexpr std::chrono::seconds kStopPatience(10);
+constexpr std::chrono::milliseconds kStopPatience = std::chrono::seconds(10);
 // Answers without a script, or failures, after which a device that has nothing to run reboots: that
 // brings up its network and its storages anew.
 constexpr unsigned kLastResortRequests = 3;
@@ -168,9 +168,10 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
   }
   void ShowSplash(std::initializer_list<std::string> lines, double progress = -1);
   void Tell(const std::string& line) const;
-  void TellErrors(ScriptInterpreter& interpreter, const Outcome& outcome,
-                  const std::string& script);
+  std::stop_token StopToken();
 
+  ScriptResult Discover();
+  static RecoveryMode InitialMode(const NetworkRecovery& recovery, int storage_index);
   bool Bail() const { return m_told_to_stop || m_gave_up; }
   int WaitForStorages();
   std::optional<int> Decide(bool scanned, double waited);
@@ -179,6 +180,7 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
              int64_t deadline);
 
   bool WaitForOverrideRecoveryDownload(NetworkRecovery& recovery);
+  void MoveToPeriodicMode(NetworkRecovery& recovery);
   Step CheckForOverride(NetworkRecovery& recovery);
   Step RunAutoruns(int storage_index, NetworkRecovery& recovery);
   Step RunPeriodicRecovery();
@@ -186,7 +188,9 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
   std::string FindLastResortScript(NetworkRecovery& recovery, bool* start_over);
 
   Outcome RunAutorun(int storage_index);
-  Outcome RunScript(const std::string& script, const std::string& hash_source);
+  enum class Kind { kAutorun, kRecovery };
+  Outcome RunScript(const std::string& script, const std::string& hash_source, Kind kind);
+  void Report(const Outcome& outcome, const std::string& error, const std::string& script);
   bool OperatorDebugs(const Outcome& outcome);
   void OnRecoveryResult(const RecoveryResult& result);
 
@@ -215,8 +219,10 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
   std::atomic<bool> m_periodic_script{false};  // a recovery script came while a script ran
 
   std::mutex m_lock;
-  std::condition_variable m_ended;
+  lattix::condition_variable m_ended;
   std::stop_source m_stop;                 // guarded by m_lock
+  bool m_periodic = false;                 // guarded by m_lock; a script that comes is to be run
+  bool m_current_is_autorun = false;       // guarded by m_lock
   ScriptInterpreter* m_current = nullptr;  // guarded by m_lock
   std::thread m_thread;                    // the owner's
   std::atomic<bool> m_running{false};      // changed under m_lock
@@ -270,7 +276,8 @@ bool AutoScriptInvokerImpl::Stop() {
     m_stop.request_stop();
     if (m_current != nullptr) m_current->Stop();
     m_interrupt.Ring();
-    if (!m_ended.wait_for(lock, kStopPatience, [this] { return !m_running; })) {
+    const int64_t deadline = lattix::monotonic_time_after_ms(kStopPatience.count());
+    if (!m_ended.wait_until(lock, deadline, [this] { return !m_running; })) {
       Log("The script does not end: it is inside a native call.\n");
       return false;
     }
@@ -290,12 +297,10 @@ void AutoScriptInvokerImpl::Interrupt() {
 
 // On the recovery thread. Only a script that came while a presentation runs is news to nobody else.
 void AutoScriptInvokerImpl::OnRecoveryResult(const RecoveryResult& result) {
-  if (result.mode != RecoveryMode::kPeriodic || !result.has_script) return;
-  m_periodic_script = true;
   const std::lock_guard lock(m_lock);
-  if (m_current != nullptr) {
-    m_current->AsyncInterrupt(ScriptInterpreter::InterruptDisposition::kEnd);
-  }
+  if (!result.has_script || !m_periodic) return;
+  m_periodic_script = true;
+  if (m_current != nullptr && m_current_is_autorun) m_current->Stop();
 }
 
 void AutoScriptInvokerImpl::ShowSplash(std::initializer_list<std::string> lines, double progress) {
@@ -363,8 +368,18 @@ AutoScriptInvokerImpl::Woken AutoScriptInvokerImpl::Wait(const char* what, Sigin
 // --- The pass ---------------------------------------------------------------------------------
 
 AutoScriptInvoker::ScriptResult AutoScriptInvokerImpl::Invoke() {
+  try {
+    return Discover();
+  } catch (const lattix::ErrnoException& error) {
+    Log("Unable to look for autoruns: {}: {}\n", error.context(), error.what());
+    return ScriptInterpreter::kRuntimeError;
+  }
+}
+
+AutoScriptInvoker::ScriptResult AutoScriptInvokerImpl::Discover() {
   m_crash_dump = HasCrashDump();
   m_gave_up = false;
+  m_periodic = false;
   m_periodic_script = false;
   NetworkRecovery::Options options;
   options.url = m_recovery_url;
@@ -373,35 +388,34 @@ AutoScriptInvoker::ScriptResult AutoScriptInvokerImpl::Invoke() {
   options.trace = m_trace;
   options.on_result = [this](const RecoveryResult& result) { OnRecoveryResult(result); };
   NetworkRecovery recovery(m_fetcher, std::move(options));
-  bool started = false;
-  for (;;) {
+  for (bool first = true;; first = false) {
     const int storage_index = WaitForStorages();
     if (Bail()) {
       Trace("Bailing out of invoking autorun.\n");
       return ScriptInterpreter::kNormal;
     }
-    const RecoveryMode mode = !recovery.IsPossible()        ? RecoveryMode::kDisabled
-                              : storage_index == kNoStorage ? RecoveryMode::kLastResort
-                                                            : RecoveryMode::kOverride;
-    if (!std::exchange(started, true)) {
-      recovery.Start(mode);
-    } else {
-      recovery.SetMode(mode);
-    }
+    if (first) recovery.Start(InitialMode(recovery, storage_index));
     Step end;
     if (storage_index == kNoStorage) {
       Log("No autorun. Forcing recovery.\n");
       end = LastResortRecovery(ScriptInterpreter::kFileError, recovery);
     } else {
       Trace("autorun_storage_index={}\n", storage_index);
-      if (recovery.IsPossible()) end = CheckForOverride(recovery);
-      if (!end) end = RunAutoruns(storage_index, recovery);
+      // The server is waited for once: a script that restarts must not stand still for it.
+      if (first && recovery.IsPossible()) end = CheckForOverride(recovery);
+      if (!end) {
+        if (recovery.IsPossible()) MoveToPeriodicMode(recovery);
+        end = RunAutoruns(storage_index, recovery);
+      }
     }
-    if (end) {
-      recovery.Stop();
-      return *end;
-    }
+    if (end) return *end;  // with the recovery, whose thread ends
   }
+}
+
+RecoveryMode AutoScriptInvokerImpl::InitialMode(const NetworkRecovery& recovery,
+                                                int storage_index) {
+  if (!recovery.IsPossible()) return RecoveryMode::kDisabled;
+  return storage_index == kNoStorage ? RecoveryMode::kLastResort : RecoveryMode::kOverride;
 }
 
 // --- Waiting for a storage --------------------------------------------------------------------
@@ -413,6 +427,7 @@ int AutoScriptInvokerImpl::WaitForStorages() {
   // Watched before they are looked at, so that nothing falls between.
   StorageWatch watch;
   Sigint sigint;
+  m_interrupt.Silence();  // what was meant for a script; being told to stop has a flag too
   const int64_t start = lattix::get_monotonic_time();
   const int64_t patience = std::chrono::nanoseconds(m_options.default_autorun_wait).count();
   bool scan = true;
@@ -516,7 +531,10 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::RunAutoruns(int storage_index
         m_storages.Scan(FilenameMapper::GetInstance());
         const int best = m_storages.Best();
         // The medium has been taken out meanwhile: whatever comes is waited for.
-        if (best < 0 || AutorunStorages::IsDefault(best)) return {};
+        if (best < 0) return {};
+        if (AutorunStorages::IsDefault(best) && !AutorunStorages::IsDefault(storage_index)) {
+          return {};
+        }
         storage_index = best;
         continue;
       }
@@ -543,26 +561,25 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunAutorun(int storage_ind
   if (m_storages.GetStatus(storage_index) != AutorunStatus::kAutorunZip) {
     // A script finds the files beside it by name.
     mapper.SetCurrentDirectory(script.substr(0, script.find('/') + 1));
-    return RunScript(script, {});
+    return RunScript(script, {}, Kind::kAutorun);
   }
-  std::stop_token stop;
-  {
-    const std::lock_guard lock(m_lock);
-    stop = m_stop.get_token();
-  }
-  const AutorunArchive archive = ExtractAutorunArchive(mapper, script, stop);
+  const AutorunArchive archive = ExtractAutorunArchive(mapper, script, StopToken());
   if (archive.script.empty()) {
-    if (!Bail()) Tell("Error: " + archive.error + "\n");
     Outcome outcome;
     outcome.result = ScriptInterpreter::kLoadError;
+    if (!Bail()) {
+      Tell("Error: " + archive.error + "\n");
+      Report(outcome, archive.error, script);
+    }
     return outcome;
   }
   mapper.SetCurrentDirectory("tmp:/");
-  return RunScript(archive.script, script);
+  return RunScript(archive.script, script, Kind::kAutorun);
 }
 
 AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::string& script,
-                                                                const std::string& hash_source) {
+                                                                const std::string& hash_source,
+                                                                Kind kind) {
   Outcome outcome;
   m_splash.Hide();
   ScriptInterpreterOptions options;
@@ -581,7 +598,8 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::strin
   {
     const std::lock_guard lock(m_lock);
     m_current = interpreter.get();
-    if (m_told_to_stop) m_current->Stop();
+    m_current_is_autorun = kind == Kind::kAutorun;
+    if (m_told_to_stop || (m_current_is_autorun && m_periodic_script)) m_current->Stop();
   }
   outcome.result = interpreter->Run(script, hash_source, 0, nullptr, nullptr);
   {
@@ -589,7 +607,12 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::strin
     m_current = nullptr;
   }
   outcome.offered_debugger = interpreter->WasOfferedDebugger();
-  TellErrors(*interpreter, outcome, script);
+  if (outcome.IsError() && !Bail()) {
+    // The console has a runtime error already.
+    if (outcome.result != ScriptInterpreter::kRuntimeError) interpreter->PrintErrors();
+    const std::vector<std::string>& errors = interpreter->GetErrors();
+    if (!errors.empty()) Report(outcome, errors.front(), script);
+  }
   if (outcome.result == ScriptInterpreter::kRestartScript) Log("Script restart requested.\n");
   if (outcome.result == ScriptInterpreter::kRestartApplication) {
     Log("Application restart requested.\n");
@@ -597,26 +620,23 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::strin
   return outcome;
 }
 
-void AutoScriptInvokerImpl::TellErrors(ScriptInterpreter& interpreter, const Outcome& outcome,
-                                       const std::string& script) {
-  if (!outcome.IsError() || Bail()) return;
-  // The console has a runtime error already.
-  if (outcome.result != ScriptInterpreter::kRuntimeError) interpreter.PrintErrors();
-  if (interpreter.GetErrors().empty()) return;
+// On the console, in the log and to the recovery server.
+void AutoScriptInvokerImpl::Report(const Outcome& outcome, const std::string& error,
+                                   const std::string& script) {
   ScriptFailure failure;
   failure.kind = outcome.result == ScriptInterpreter::kRuntimeError
                      ? ScriptFailure::Kind::kRuntimeError
                      : ScriptFailure::Kind::kLoadError;
-  failure.error = interpreter.GetErrors().front();
+  failure.error = error;
   failure.script = script;
   failure.for_debugger = outcome.offered_debugger || m_options.first_run_only;
-  std::stop_token stop;
-  {
-    const std::lock_guard lock(m_lock);
-    stop = m_stop.get_token();
-  }
   MaybeReportErrorToNetwork(m_fetcher, m_recovery_url, m_options.user_agent,
-                            FilenameMapper::GetInstance(), failure, m_crash_dump, stop);
+                            FilenameMapper::GetInstance(), failure, m_crash_dump, StopToken());
+}
+
+std::stop_token AutoScriptInvokerImpl::StopToken() {
+  const std::lock_guard lock(m_lock);
+  return m_stop.get_token();
 }
 
 // After a failure, when an operator may interrupt and has not had the choice during the run. To
@@ -643,10 +663,10 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::CheckForOverride(NetworkRecov
     return ScriptInterpreter::kNormal;
   }
   Log("Recovery moving from override to periodic mode.\n");
-  recovery.SetMode(RecoveryMode::kPeriodic);
   if (!found) return {};
+  recovery.SetMode(RecoveryMode::kPeriodic);
   Log("Running override recovery '{}'\n", kRecoveryScript);
-  const Outcome outcome = RunScript(std::string(kRecoveryScript), {});
+  const Outcome outcome = RunScript(std::string(kRecoveryScript), {}, Kind::kRecovery);
   if (Bail()) return ScriptInterpreter::kNormal;
   if (outcome.result == ScriptInterpreter::kRestartScript) {
     m_storages.Scan(FilenameMapper::GetInstance());
@@ -661,6 +681,12 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::CheckForOverride(NetworkRecov
   return ScriptInterpreter::kReboot;
 }
 
+void AutoScriptInvokerImpl::MoveToPeriodicMode(NetworkRecovery& recovery) {
+  const std::lock_guard lock(m_lock);
+  m_periodic = true;
+  recovery.SetMode(RecoveryMode::kPeriodic);
+}
+
 // True when there is an override script; false when the server has none, or has not said so in
 // time.
 bool AutoScriptInvokerImpl::WaitForOverrideRecoveryDownload(NetworkRecovery& recovery) {
@@ -670,11 +696,14 @@ bool AutoScriptInvokerImpl::WaitForOverrideRecoveryDownload(NetworkRecovery& rec
   const int64_t wait = m_options.override_wait.count();
   int64_t deadline = lattix::monotonic_time_after_ms(wait);
   bool found = false;
+  unsigned answers = 0;
   recovery.NotifyResult(&waker);
   while (!Bail()) {
     const RecoveryResult result = recovery.GetResult();
-    found = result.count > 0 && result.has_script;
-    if (found || (result.count > 0 && IsValidServerResponse(result.status))) break;
+    if (std::exchange(answers, result.count) != result.count) {
+      found = result.has_script;
+      if (found || IsValidServerResponse(result.status)) break;
+    }
     if (lattix::get_monotonic_time() >= deadline) {
       if (std::exchange(extended, true)) break;
       Log("A slow network interface is configured so let's wait a bit longer before giving up on "
@@ -694,7 +723,7 @@ bool AutoScriptInvokerImpl::WaitForOverrideRecoveryDownload(NetworkRecovery& rec
 // The server has sent a recovery script while a presentation ran; it takes that one's place.
 AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::RunPeriodicRecovery() {
   Log("Running periodic recovery '{}'\n", kRecoveryScript);
-  const Outcome outcome = RunScript(std::string(kRecoveryScript), {});
+  const Outcome outcome = RunScript(std::string(kRecoveryScript), {}, Kind::kRecovery);
   if (Bail()) return ScriptInterpreter::kNormal;
   if (outcome.result == ScriptInterpreter::kRestartScript) {
     m_storages.ForgetBad();
@@ -712,6 +741,11 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::LastResortRecovery(int reason
                                                                       NetworkRecovery& recovery) {
   Trace("LastResortRecovery\n");
   Log("Begin last resort recovery due to {}\n", reason);
+  {
+    const std::lock_guard lock(m_lock);
+    m_periodic = false;
+    m_periodic_script = false;
+  }
   bool start_over = false;
   const std::string script = FindLastResortScript(recovery, &start_over);
   if (Bail()) {
@@ -738,7 +772,7 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::LastResortRecovery(int reason
   }
 
   Log("Running last resort recovery '{}'\n", script);
-  const Outcome outcome = RunScript(script, {});
+  const Outcome outcome = RunScript(script, {}, Kind::kRecovery);
   if (Bail()) {
     Log("Bailing out of last resort recovery.\n");
     return ScriptInterpreter::kNormal;
@@ -765,26 +799,35 @@ std::string AutoScriptInvokerImpl::FindLastResortScript(NetworkRecovery& recover
     Sigint sigint;
     StorageWatch watch;
     PollWaker waker;
-    unsigned answers = recovery.GetResult().count;
+    // Started for it, the thread has made its first request already, or is about to.
+    const bool started_for_it = recovery.GetMode() == RecoveryMode::kLastResort;
+    unsigned answers = started_for_it ? 0 : recovery.GetResult().count;
     const unsigned last = answers + kLastResortRequests;
     recovery.NotifyResult(&waker);
-    recovery.SetMode(RecoveryMode::kLastResort);
-    recovery.RequestNow();
+    if (!started_for_it) {
+      recovery.SetMode(RecoveryMode::kLastResort);
+      recovery.RequestNow();
+    }
     std::string script;
-    while (!Bail() && script.empty() && answers < last && !*start_over) {
-      const Woken woken = Wait("LastResortRecovery", sigint, &watch, &waker, -1);
-      m_gave_up |= woken.interrupt;
-      if (woken.storage || woken.poke) {
+    bool look = true;  // what has come since the storages were last looked at is not in the watch
+    while (!Bail() && script.empty() && answers < last) {
+      if (std::exchange(look, false)) {
         m_storages.Scan(mapper);
         const int best = m_storages.Best();
         *start_over = best >= 0 && !AutorunStorages::IsDefault(best);
+        if (*start_over) break;
       }
-      if (!woken.recovery) continue;
-      recovery.NotifyResult(&waker);
       const RecoveryResult result = recovery.GetResult();
-      answers = result.count;
-      Log("Recovery server response code: {}\n", result.status);
-      if (result.has_script) script = kRecoveryScript;
+      if (result.count > answers) {
+        answers = result.count;
+        Log("Recovery server response code: {}\n", result.status);
+        if (result.has_script) script = kRecoveryScript;
+        continue;
+      }
+      const Woken woken = Wait("LastResortRecovery", sigint, &watch, &waker, -1);
+      m_gave_up |= woken.interrupt;
+      if (woken.recovery) recovery.NotifyResult(&waker);
+      look = woken.storage || woken.poke;
     }
     recovery.NotifyResult(nullptr);
     if (!script.empty() || *start_over || Bail()) return script;

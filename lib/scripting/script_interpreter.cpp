@@ -26,6 +26,7 @@
 
 #include "lib/platform/assertion.h"
 #include "lib/platform/async_signals.h"
+#include "lib/platform/console_owner.h"
 #include "lib/platform/device_file.h"
 #include "lib/platform/digest/file_digest.h"
 #include "lib/platform/errno_exception.h"
@@ -117,12 +118,16 @@ class ScriptInterpreterImpl final : public ScriptInterpreter,
 
   static psStatus DebugShellWrapper(psProc* p);
   psStatus OnRuntimeError(psProc* p);
+  psStatus EnterDebugger(psProc* p);
   bool CanDebug() const { return m_debugger_shell != nullptr; }
   // Invites the operator; true when an interrupt has come in time.
   bool WaitForDebugChoice();
 
   void OnScriptRequest(ScriptRequest request) override;
-  void OnSignal(const siginfo_t&) override { AsyncInterrupt(InterruptDisposition::kBreak); }
+  // At the debugger's prompt it abandons the line.
+  void OnSignal(const siginfo_t&) override {
+    if (!m_in_debugger) AsyncInterrupt(InterruptDisposition::kBreak);
+  }
 
   ScriptResult Fail(ScriptResult result, std::string error);
   std::optional<ScriptResult> Load(const std::string& file, const std::string& hash_source);
@@ -141,6 +146,7 @@ class ScriptInterpreterImpl final : public ScriptInterpreter,
   const lattix::UniqueFd m_interrupt{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   std::mutex m_stop_lock;  // held while a break or a stop is asked for
   std::atomic<bool> m_stopped{false};
+  std::atomic<bool> m_in_debugger{false};
 
   // The running thread's.
   std::vector<std::string> m_errors;
@@ -359,19 +365,19 @@ psStatus ScriptInterpreterImpl::OnRuntimeError(psProc* p) {
   const std::string text = scriptGetRuntimeErrorText(p);
   io_flush(m_console);
   if (m_stopped || m_request) return kPsNormalEnd;
-  if (m_interactive) return m_debugger_shell(p);
+  if (m_interactive) return EnterDebugger(p);
   if (status == kPsBreak) {
     Log("Script interrupted via Ctrl-C\n");
     if (CanDebug() && (m_options.debug || m_options.interruptible)) {
       m_offered_debugger = true;
-      return m_debugger_shell(p);
+      return EnterDebugger(p);
     }
     return status;
   }
   Log("Script runtime error: {}\n", WithoutLineEnd(text));
   if (CanDebug() && m_options.debug) {
     m_offered_debugger = true;
-    return m_debugger_shell(p);
+    return EnterDebugger(p);
   }
   if (CanDebug() && m_options.interruptible) {
     m_offered_debugger = true;
@@ -379,7 +385,7 @@ psStatus ScriptInterpreterImpl::OnRuntimeError(psProc* p) {
     io_flush(m_console);
     if (WaitForDebugChoice()) {
       Log("Script interrupted via Ctrl-C\n");
-      return m_debugger_shell(p);
+      return EnterDebugger(p);
     }
     return status;
   }
@@ -389,6 +395,15 @@ psStatus ScriptInterpreterImpl::OnRuntimeError(psProc* p) {
   }
   io_printf(m_console, "Runtime error: %s\n", WithoutLineEnd(text).c_str());
   io_flush(m_console);
+  return status;
+}
+
+// The console is the debugger's until the script goes on.
+psStatus ScriptInterpreterImpl::EnterDebugger(psProc* p) {
+  const lattix::ConsoleHold hold;
+  m_in_debugger = true;
+  const psStatus status = m_debugger_shell(p);
+  m_in_debugger = false;
   return status;
 }
 

@@ -9,6 +9,7 @@
 #include "lib/scripting/CommonAPI/Include/class_registry.h"
 #include "lib/scripting/CommonAPI/Include/object_globals.h"
 #include "lib/scripting/Plumscript/Source/publicapis.h"
+#include "lib/scripting/enciphered_source.h"
 
 namespace {
 
@@ -29,6 +30,7 @@ void InstallHooks() {
   hooks.enableZoneSupport = [](bool enable) {
     KelvoObjectGlobals::GetInstance().EnableZoneSupport(enable);
   };
+  hooks.decipherSource = DecipherScriptSource;
   psInstallHooks(hooks);
 }
 

@@ -45,11 +45,17 @@ bool readFile(const std::string& path, std::string* bytes) {
 // A graphic character or white space of the default locale.
 bool isText(char c) { return (c >= '!' && c <= '~') || c == ' ' || (c >= '\t' && c <= '\r'); }
 
-psStatus readSource(const std::string& path, std::string* text, bool* enciphered) {
+// By its name, or by what it begins with.
+bool isEnciphered(const std::string& path, const std::string& bytes) {
   constexpr std::string_view kEnciphered = ".eplm";
+  return (path.size() > kEnciphered.size() && path.ends_with(kEnciphered)) ||
+         bytes.starts_with("OSPS") || bytes.starts_with("PKPS");
+}
+
+psStatus readSource(const std::string& path, std::string* text, bool* enciphered) {
   std::string bytes;
   if (!readFile(path, &bytes)) return kPsErrorLoadingFile;
-  if (path.size() > kEnciphered.size() && path.ends_with(kEnciphered)) {
+  if (isEnciphered(path, bytes)) {
     std::string plain;
     if (!psHooks().decipherSource(bytes, &plain)) return kPsErrorLoadingFile;
     bytes.swap(plain);
