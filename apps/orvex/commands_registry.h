@@ -1,0 +1,10 @@
+// The registry command.
+#pragma once
+
+#include "apps/orvex/command_line.h"
+
+namespace commands {
+
+int Registry(const CommandLine& command);
+
+}  // namespace commands
