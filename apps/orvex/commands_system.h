@@ -1,6 +1,9 @@
 // Commands on the player itself: its end, its clock, its log, its versions.
 #pragma once
 
+#include <cstdint>
+#include <string>
+
 #include "apps/orvex/command_line.h"
 
 namespace commands {
@@ -21,5 +24,8 @@ int UnsetRtc(const CommandLine& command);
 int PtpStatus(const CommandLine& command);
 int SystemShell(const CommandLine& command);
 int NotImplemented(const CommandLine& command);
+
+// "2 days 0:00:00", "0:01:02".
+std::string UptimeText(int64_t seconds);
 
 }  // namespace commands

@@ -1,17 +1,42 @@
 // The shell's loop: commands from the console, until one of them or another thread ends it.
 #include "apps/orvex/orvex_shell.h"
 
-#include <cstring>
+#include <span>
 
+#include "apps/orvex/command_tables.h"
+#include "lib/hardware/hardware_config.h"
 #include "lib/platform/console_owner.h"
+#include "lib/scripting/CommonAPI/Include/object_globals.h"
+#include "lib/scripting/script_autorun.h"
 #include "lib/scripting/script_bootstrap.h"
+
+namespace {
+
+void Add(std::span<const ShellCommand> table) {
+  Shell::AddCommands(table.data(), static_cast<int>(table.size()));
+}
+void Remove(std::span<const ShellCommand> table) {
+  Shell::RemoveCommands(table.data(), static_cast<int>(table.size()));
+}
+
+}  // namespace
 
 OrvexShell::OrvexShell()
     : m_editor(lattix::MakeLineEditor("Orvex> ")),
+      m_shell(m_editor),
       m_debugger_console(MakeLineEditorIoConsole(lattix::MakeLineEditor("Plumscript Debugger> "))) {
+  Add(GeneralCommands());
+  Add(NetworkCommands());
+  Add(DisplayCommands());
 }
 
-OrvexShell::~OrvexShell() = default;
+OrvexShell::~OrvexShell() {
+  Remove(LowLevelCommands());
+  Remove(ManufacturingCommands());
+  Remove(DisplayCommands());
+  Remove(NetworkCommands());
+  Remove(GeneralCommands());
+}
 
 void OrvexShell::RequestExit(int status) {
   if (m_exit_requested.exchange(true)) return;
@@ -24,7 +49,26 @@ void OrvexShell::RequestExit(int status) {
 
 void OrvexShell::RunConsole(const std::string& prompt) {
   m_editor->SetPrompt(prompt);
-  m_editor->Run([](int count, const char** words) {
-    return count != 1 || std::strcmp(words[0], "exit") != 0;
-  });
+  m_shell.Run();
+}
+
+void OrvexShell::EndConsole(int status) {
+  if (!m_exit_requested) m_exit_status = status;
+  m_shell.RequestExit();
+}
+
+bool OrvexShell::EndPlayback() {
+  const auto invoker = KelvoObjectGlobals::GetInstance().GetAutoScriptInvoker();
+  if (invoker != nullptr && !invoker->Stop()) return false;
+  for (std::shared_ptr<void>& object : m_playback) object.reset();
+  return true;
+}
+
+void OrvexShell::OpenManufacturing() {
+  if (m_manufacturing) return;
+  m_manufacturing = true;
+  Add(ManufacturingCommands());
+  if (HardwareConfig::GetInstance().IsRestricted()) return;
+  Add(LowLevelCommands());
+  KelvoObjectGlobals::GetInstance().EnableManufacturingMode();
 }

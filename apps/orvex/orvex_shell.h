@@ -1,6 +1,7 @@
 // The operator's shell of the player, and what the process does while it runs.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "lib/platform/line_editor.h"
+#include "lib/platform/shell.h"
 #include "lib/platform/simple_event.h"
 #include "lib/platform/singleton.h"
 #include "lib/scripting/console_on_line_editor.h"
@@ -34,6 +36,20 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   // exit status and no other. From any thread, a signal observer too; the first request counts.
   void RequestExit(int status);
 
+  // --- For the commands, on the console's thread ------------------------------------------------
+
+  // The command that runs is the last one; the process ends with this status, unless somebody else
+  // has requested another.
+  void EndConsole(int status);
+  // Where scripts that are started by a command print, and where the debugger reads.
+  ScriptConsole& debugger_console() { return *m_debugger_console; }
+  // Ends the running presentation and what the playback commands play. False when the presentation
+  // does not end.
+  bool EndPlayback();
+  // Adds the manufacturing commands and, unless the unit is restricted, the low-level ones; the
+  // second call changes nothing.
+  void OpenManufacturing();
+
  private:
   // How the player runs when a supervisor does the presentation. None: there is none, or it failed
   // and the presentation is to be played without.
@@ -48,10 +64,14 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   void RunConsole(const std::string& prompt);
 
   const std::shared_ptr<lattix::LineEditor> m_editor;
+  Shell m_shell;
+  bool m_manufacturing = false;  // its commands have been added
   std::atomic<int> m_exit_status{1};
   std::atomic<bool> m_exit_requested{false};
   SimpleEvent m_exit_event;  // set by RequestExit
   std::mutex m_bootstrap_mutex;
   Bootstrap* m_bootstrap = nullptr;  // while it runs; guarded by m_bootstrap_mutex
   const std::shared_ptr<LineEditorIoConsole> m_debugger_console;
+  // What the playback commands have started, alive until the next of them or a script.
+  std::array<std::shared_ptr<void>, 4> m_playback;
 };

@@ -5,6 +5,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <string>
+
+#include "lib/platform/device_file.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/log.h"
 #include "lib/platform/spawn_process.h"
@@ -19,6 +22,17 @@ void PowerManager::Reboot(RebootReason reason) {
 void PowerManager::ShutDown() {
   Log("Shutting the system down\n");
   Ask("poweroff");
+}
+
+void PowerManager::Suspend(std::optional<unsigned> seconds) {
+  Log("Suspending the system\n");
+  if (lattix::InDeviceRoot()) return;
+  constexpr char kAlarm[] = "/sys/class/rtc/rtc0/wakealarm";
+  if (seconds) {
+    lattix::WriteDeviceFile(kAlarm, "0");  // an alarm that is set refuses another
+    lattix::WriteDeviceFile(kAlarm, "+" + std::to_string(*seconds));
+  }
+  lattix::WriteDeviceFile("/sys/power/state", "mem");
 }
 
 void PowerManager::Ask(const char* verb) {

@@ -1,6 +1,8 @@
 // Rebooting the device and switching it off.
 #pragma once
 
+#include <optional>
+
 #include "lib/platform/singleton.h"
 
 // Why the device is rebooted; the number is part of the log line.
@@ -19,6 +21,10 @@ class PowerManager : public lattix::Singleton<PowerManager> {
  public:
   void Reboot(RebootReason reason);
   void ShutDown();
+  // Suspends the system and returns when it runs again; with a number of seconds, it wakes up by
+  // itself after so long. In a device root the request is only logged. Throws
+  // lattix::ErrnoException.
+  void Suspend(std::optional<unsigned> seconds);
 
  private:
   void Ask(const char* verb);

@@ -49,13 +49,11 @@ void List(Shell& shell) {
   }
   for (const ShellCommand* command : registry.m_commands) {
     if (command->IsHidden()) continue;
-    std::string line = std::string(" ") + command->name;
-    if (command->description != nullptr) {
-      line.resize(1 + width, ' ');
-      line += std::string(" - ") + command->description;
-    }
-    if (line.size() >= kLongestListingLine) line.resize(kLongestListingLine - 1);
-    shell.PrintLine(std::move(line));
+    const std::string line =
+        command->description == nullptr
+            ? fmt::format(" {}", command->name)
+            : fmt::format(" {:<{}} - {}", command->name, width, command->description);
+    shell.PrintLine(line.substr(0, kLongestListingLine - 1));
   }
 }
 

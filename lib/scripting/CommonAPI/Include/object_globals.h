@@ -50,9 +50,14 @@ class KelvoObjectGlobals : public lattix::Singleton<KelvoObjectGlobals> {
   bool IsZoneSupportEnabled() const { return m_zone_support; }
   void EnableZoneSupport(bool enable) { m_zone_support = enable; }
 
+  // Whether the operator has opened everything that manufacture may do, on a unit that allows it.
+  bool IsManufacturingMode() const { return m_manufacturing_mode; }
+  void EnableManufacturingMode() { m_manufacturing_mode = true; }
+
  private:
   FilenameMapper m_filename_mapper;
   std::atomic<bool> m_zone_support{false};
+  std::atomic<bool> m_manufacturing_mode{false};
   mutable std::mutex m_mutex;
   // Guarded by m_mutex; null: somebody else's, or none.
   std::unique_ptr<PollThread> m_poll_thread;
