@@ -361,6 +361,52 @@ TEST_F(PlumscriptTest, ATerminalGetsPromptsAndEditing) {
   EXPECT_THAT(tool.err, AllOf(HasSubstr("BREAK (runtime error &hf8)"), Not(HasSubstr("nonsense"))));
 }
 
+// --- debug ------------------------------------------------------------------------------------
+
+TEST_F(PlumscriptTest, DebugKeepsTheScriptsOutputApart) {
+  const Outcome outcome =
+      Run({"debug", Script("sub main(words)\nprint words[0]\nx = 1 / 0\nend sub\n"), "argument"},
+          "? \"told\"\n");
+  EXPECT_EQ(outcome.status, 0);  // the end of input ends the run
+  EXPECT_EQ(outcome.out, "argument\n");
+  EXPECT_THAT(outcome.err, AllOf(HasSubstr("Divide by Zero."), testing::EndsWith("\ntold\n")));
+  EXPECT_EQ(Run({"debug", Script("syntax error here")}).status, 1);
+  EXPECT_EQ(Run({"debug", Script("stop")}, "RebootSystem()\nc\n").status, 6);
+}
+
+TEST_F(PlumscriptTest, InterruptsBreakIntoTheDebugger) {
+  constexpr char kPromptText[] = "Plumscript Debugger> ";
+  Tool tool = Start(
+      {"debug", Script("print \"up\"\nx = 1\nwhile x = 1\nend while\nprint \"down\"\nstop\n")},
+      true);
+  ASSERT_TRUE(tool.Expect("up\r\n"));
+  // As often as one likes: while the script runs, while a statement does, while a line is typed.
+  for (int i = 0; i < 2; i++) {
+    tool.Type("\003");
+    ASSERT_TRUE(tool.Expect("Break in "));
+    ASSERT_TRUE(tool.Expect(kPromptText));
+    tool.Type("while true : end while\n");
+    ASSERT_TRUE(tool.Expect("while\r\n"));
+    tool.Type("\003");
+    ASSERT_TRUE(tool.Expect("BREAK (runtime error &hf8) in $LIVECOMPILE("));
+    ASSERT_TRUE(tool.Expect(kPromptText));
+    tool.Type("nonsense\003");
+    ASSERT_TRUE(tool.Expect(kPromptText));
+    tool.Type("? 6 * 7;\n");
+    ASSERT_TRUE(tool.Expect("\n 42\r\n"));  // the prompt starts a line of its own
+    ASSERT_TRUE(tool.Expect(kPromptText));
+    tool.Type(i == 0 ? "c\n" : "x = 2\n");
+    ASSERT_TRUE(tool.Expect("\r\n"));
+  }
+  ASSERT_TRUE(tool.Expect(kPromptText));
+  tool.Type("c\n");
+  ASSERT_TRUE(tool.Expect("\ndown\r\nCurrent Function:\r\n"));
+  ASSERT_TRUE(tool.Expect(kPromptText));
+  tool.Type("\004");
+  EXPECT_EQ(tool.Finish(), 0);
+  EXPECT_EQ(tool.err, "");
+}
+
 // --- disasm and classes -----------------------------------------------------------------------
 
 TEST_F(PlumscriptTest, DisassemblyFollowsTheSource) {

@@ -226,11 +226,11 @@ void LiveForget(psModule* module, psFunction* function, const psLiveMark& mark) 
   // Lines of anonymous functions stay, and so must the records between them.
   for (size_t i = mark.lines; i < module->lines.size(); i++) {
     psLineData& line = module->lines[i];
-    if (line.function != function) continue;
-    line.function = nullptr;
-    line.pc_last = -1;
+    if (line.function == function) line.function = nullptr;
   }
   while (module->lines.size() > mark.lines && module->lines.back().function == nullptr) {
     module->lines.pop_back();
   }
+  // Text without a line of its own had counted to the line before.
+  lexFinishLineData(module);
 }

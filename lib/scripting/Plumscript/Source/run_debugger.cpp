@@ -59,8 +59,8 @@ const psLineData* lineAt(const psProc* p, uint32_t pc, const psFunction* functio
   return DebugPCToLine(p->mod, static_cast<int32_t>(pc), function);
 }
 
-// A line that the run is still inside of costs no search: a trace of a long loop comes here for every
-// instruction.
+// A line that the run is still inside of costs no search: a trace of a long loop comes here for
+// every instruction.
 bool stepHook(psProc* p, uint32_t pc) {
   psDebugSession* s = p->debug_session;
   if (s->stepping != p) return false;
@@ -121,10 +121,10 @@ psStatus readCommands(psProc* p) {
       pscPrint("Sticky break!\n");
       return kPsNormalEnd;
     }
-    clearBreakCode(p);
     const int n = io_read_line(io, line, sizeof line, kPsDebugPrompt);
     if (n < 0) return kPsNormalEnd;
-    if (n == 0) continue;
+    if (n == 0 || stickyBreak(p)) continue;
+    clearBreakCode(p);
     const psStatus next = DebugExecuteLine(p, psText(line, static_cast<size_t>(n)));
     if (next != kStay) return next;
   }

@@ -6,8 +6,9 @@
 // to both processes; the shell of the inner one leaves the outer one's selection as it was.
 //
 // While the shell reads from its channel it takes no notice of other threads but through the
-// process's break word: a request to end is seen after the next line, so a host that ends a run
-// also makes the read return (with nothing, or closed).
+// process's break word: a request to end is seen when the read returns, so a host that ends a run
+// also makes the read return (with nothing, or closed). A break that comes while it reads is
+// dropped.
 #pragma once
 
 #include <cstdint>
