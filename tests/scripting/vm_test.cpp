@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,7 +29,7 @@ namespace fs = std::filesystem;
 
 const fs::path kScripts = SCRIPT_CASES;
 
-enum class Form { kFused, kPlain, kStepped };
+enum class Form { kFused, kPlain, kStepped, kLineByLine };
 
 struct Outcome {
   bool ended_well = false;
@@ -167,6 +168,19 @@ std::vector<fs::path> Scripts() {
   return scripts;
 }
 
+// Steps from line to line; after many lines it runs on, or a long loop would take its time.
+psStatus StepOn(psProc* p) {
+  constexpr int kMostSteps = 2000;
+  static int steps;
+  psDebugSession* session = p->debug_session;
+  if (session->selected == nullptr) steps = 0;
+  session->selected = p->ctx;
+  if (p->last_status != kPsBreak || p->turns_left == 0) return p->last_status;
+  if (++steps <= kMostSteps) return DebugExecuteLine(p, "s");
+  p->break_word &= ~kPsBreakStep;
+  return kPsOkay;
+}
+
 class EitherForm : public VmTest, public testing::WithParamInterface<fs::path> {
  protected:
   Outcome RunAs(Form form) {
@@ -178,11 +192,18 @@ class EitherForm : public VmTest, public testing::WithParamInterface<fs::path> {
     std::ifstream arguments(fs::path(GetParam()).replace_extension(".args"));
     for (std::string line; std::getline(arguments, line);) words.push_back(line);
 
-    psDebugSession session;
-    session.step_hook = [](psProc*, uint32_t) { return false; };
+    const std::unique_ptr<psDebugSession, void (*)(psDebugSession*)> session(
+        DebugCreateSession(nullptr, &m_io), DebugDeleteSession);
     if (form == Form::kStepped) {
-      m_session = &session;
+      session->step_hook = [](psProc*, uint32_t) { return false; };
+      session->shell = nullptr;
+      m_session = session.get();
       m_process->break_word |= kPsBreakStep;
+    }
+    if (form == Form::kLineByLine) {
+      session->shell = StepOn;
+      m_session = session.get();
+      m_process->break_word |= kPsBreak;
     }
     // A class that only the whole system has may leave a script waiting for what never comes.
     psSetTurnLimit(m_process, 20'000'000);
@@ -197,6 +218,7 @@ TEST_P(EitherForm, PrintsAndEndsAlike) {
   const Outcome fused = RunAs(Form::kFused);
   EXPECT_EQ(fused, RunAs(Form::kPlain));
   EXPECT_EQ(fused, RunAs(Form::kStepped));
+  EXPECT_EQ(fused, RunAs(Form::kLineByLine));
 }
 
 INSTANTIATE_TEST_SUITE_P(Scripts, EitherForm, testing::ValuesIn(Scripts()), [](const auto& info) {
