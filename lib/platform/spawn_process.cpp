@@ -215,8 +215,9 @@ void ConnectStreams(const SpawnPlan& plan) {
     } else if (plan.flags & stream.null_flag) {
       OpenAsStream(kNullDevice, O_RDWR, stream.fd, "Failed to open /dev/null", stream.dup_failure);
     } else if (plan.flags & stream.kernel_log_flag) {
-      OpenAsStream(plan.kernel_log.c_str(), O_WRONLY, stream.fd, "Failed to open /dev/kmsg",
-                   stream.dup_failure);
+      // In a device root it is a plain file, which others append to as well.
+      OpenAsStream(plan.kernel_log.c_str(), O_WRONLY | O_APPEND, stream.fd,
+                   "Failed to open /dev/kmsg", stream.dup_failure);
     }
   }
 }

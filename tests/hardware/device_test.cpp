@@ -11,6 +11,7 @@
 #include "lib/hardware/device_secrets.h"
 #include "lib/hardware/hardware_config.h"
 #include "lib/hardware/load_statistics.h"
+#include "lib/hardware/mmc_health.h"
 #include "lib/hardware/temperature.h"
 #include "lib/hardware/usb_topology.h"
 #include "tests/platform/test_support.h"
@@ -256,6 +257,19 @@ TEST_F(Unit, MeasuresTheChipRatherThanAnotherZone) {
   }
   root.Write("/sys/class/thermal/thermal_zone2/temp", "");
   EXPECT_EQ(ReadBoardTemperature(), std::nullopt);
+}
+
+TEST_F(Unit, ReportsTheWearOfItsMemory) {
+  EXPECT_FALSE(ReadMmcHealth());
+  root.Write("/sys/block/mmcblk0/device/name", "DG4016\n");
+  root.Write("/sys/block/mmcblk0/device/fwrev", "0x42\n");
+  root.Write("/sys/block/mmcblk0/device/life_time", "0x01 0x0b\n");
+  root.Write("/sys/block/mmcblk0/device/pre_eol_info", "0x02\n");
+  EXPECT_EQ(MmcHealthReport(ReadMmcHealth().value()),
+            "Name:        DG4016\nFirmware:    0x42\nLife time A: 0% to 10% used\n"
+            "Life time B: more than 100% used\nReserve:     warning\n");
+  root.Write("/sys/block/mmcblk0/device/life_time", "0x1ff\n");
+  EXPECT_EQ(ReadMmcHealth()->life_time_a, 0);
 }
 
 TEST_F(Unit, CountsItsLoad) {
