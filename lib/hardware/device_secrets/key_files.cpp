@@ -196,6 +196,8 @@ constexpr size_t kMaxSignedData = size_t{1} << 20;
 
 void SecretText::Wipe() { explicit_bzero(m_text.data(), m_text.capacity()); }
 
+KeyFileSecrets::KeyFileSecrets() = default;
+
 std::string KeyFileSecrets::DecipherSource(std::string_view enciphered) const {
   const std::string_view header = enciphered.substr(0, kHeaderSize);
   const char* name = SourceKey(header);

@@ -46,6 +46,7 @@ class SecretText {
 // works at once, and no key stays in memory.
 class KeyFileSecrets final : public DeviceSecrets {
  public:
+  KeyFileSecrets();
   std::string DecipherSource(std::string_view enciphered) const override;
   std::string Reveal(std::string_view obfuscated) const override;
   bool IsUnlockCode(std::string_view code) const override;
