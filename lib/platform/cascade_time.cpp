@@ -416,7 +416,7 @@ std::optional<int32_t> TakeZone(IsoReader* reader) {
 
 }  // namespace
 
-DateStruct CascadeTime::ParseIsoString(std::string_view text) {
+CascadeTime::IsoText CascadeTime::ReadIsoString(std::string_view text) {
   constexpr size_t kShortest = sizeof("YYYYMMDDThhmmss") - 1;
   if (text.size() < kShortest) throw std::runtime_error("Date specification is too short.");
   IsoReader reader(text);
@@ -431,9 +431,13 @@ DateStruct CascadeTime::ParseIsoString(std::string_view text) {
   if (reader.Take(',') || reader.Take('.')) date.millisecond = reader.TakeFraction();
   const std::optional<int32_t> offset = TakeZone(&reader);
   if (!IsValidDate(date)) throw std::runtime_error("Time is out of range");
-  const int64_t count = CountOf(date);
-  if (!offset) return DateOf(count);  // with its day of the week
-  const std::optional<TimeBase> time = TimeBaseOf(count - *offset * int64_t{1000});
+  return {DateOf(CountOf(date)), offset};  // with its day of the week
+}
+
+DateStruct CascadeTime::ParseIsoString(std::string_view text) {
+  const auto [date, offset] = ReadIsoString(text);
+  if (!offset) return date;
+  const std::optional<TimeBase> time = TimeBaseOf(CountOf(date) - *offset * int64_t{1000});
   if (!time) throw std::runtime_error("Unable to convert time to local time");
   return ToLocal(*time);
 }

@@ -112,10 +112,15 @@ class CascadeTime {
   static std::string ToIsoString(TimeBase time, const Zone& zone);
   static std::string ToUtcIsoString(TimeBase time);
 
+  struct IsoText {
+    DateStruct date;                // valid
+    std::optional<int32_t> offset;  // seconds ahead of UTC, when the text has a zone
+  };
   // Reads the basic format with an optional fraction ("," or ".", any number of digits, cut to
-  // milliseconds) and an optional zone ("Z", "+hh", "+hhmm" or "+hh:mm", or "-"). A text without
-  // zone is taken as it is; one with a zone becomes local time. Throws std::runtime_error with one
-  // of the texts in the .cpp.
+  // milliseconds) and an optional zone ("Z", "+hh", "+hhmm" or "+hh:mm", or "-"). Throws
+  // std::runtime_error with one of the texts in the .cpp.
+  static IsoText ReadIsoString(std::string_view text);
+  // The same: the date as it is in a text without zone, else the moment as local time.
   static DateStruct ParseIsoString(std::string_view text);
 };
 

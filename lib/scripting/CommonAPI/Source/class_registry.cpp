@@ -6,6 +6,7 @@
 #include "lib/scripting/CommonAPI/Include/file_objects.h"
 #include "lib/scripting/CommonAPI/Include/registry_objects.h"
 #include "lib/scripting/CommonAPI/Include/stream_events.h"
+#include "lib/scripting/CommonAPI/Include/time_objects.h"
 
 namespace {
 
@@ -14,15 +15,22 @@ constexpr pscClass* kClasses[] = {
     &DeviceInfoInstance::sm_class,
     &RegistryInstance::sm_class,
     &RegistrySectionInstance::sm_class,
+    &NetworkTimeEventInstance::sm_class,
+    &SystemTimeInstance::sm_class,
+    &DateTimeInstance::sm_class,
+    &TimerInstance::sm_class,
+    &TimerEventInstance::sm_class,
     &ReadFileInstance::sm_class,
     &ReadWriteFileInstance::sm_class,
     &CreateFileInstance::sm_class,
     &AppendFileInstance::sm_class,
+    &TimespanInstance::sm_class,
     &StreamByteEventInstance::sm_class,
     &StreamLineEventInstance::sm_class,
     &StreamEndEventInstance::sm_class,
     &StreamConnectResultEventInstance::sm_class,
     &StreamByteArrayEventInstance::sm_class,
+    &DurationInstance::sm_class,
     &SystemLogInstance::sm_class,
 };
 // clang-format on
