@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
 #include <string_view>
 
 #include "lib/platform/assertion.h"
@@ -81,6 +82,9 @@ bool IsExternal(const StorageEntry& entry) {
 // while it is looked for; a lease on a file is refused as long as it is open for writing.
 bool IsBeingWritten(int fd) {
   if (!lattix::InDeviceRoot()) return false;
+  // A writer who comes while we hold the lease makes the kernel send a signal, by default one that
+  // ends the process.
+  ::fcntl(fd, F_SETSIG, SIGURG);
   if (::fcntl(fd, F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN;
   ::fcntl(fd, F_SETLEASE, F_UNLCK);
   return false;
