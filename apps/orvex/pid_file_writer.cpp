@@ -42,8 +42,6 @@ std::string RemovePidFile() {
 
 void PidFileWriter::EndAtOnce(int status) {
   try {
-    SayUnlessBlocked(
-        fmt::format("Orvex application tarsk-{} fast exit\n", lattix::FirmwareVersionText()));
     MuteAudioLines();
   } catch (const std::exception& e) {
     SayUnlessBlocked(fmt::format("Failed to mute the audio output: {}\n", e.what()));
