@@ -39,6 +39,7 @@
 #include "lib/platform/device_path.h"
 #include "lib/platform/firmware_version.h"
 #include "lib/platform/log.h"
+#include "lib/platform/network_time.h"
 #include "lib/platform/poll_thread.h"
 #include "lib/platform/registry_bus/registry_client_impl.h"
 #include "lib/platform/tracing.h"
@@ -97,6 +98,13 @@ void TellSystemMonitor() {
   }
 }
 
+// Whatever depends on the clock has its own listener (CascadeTime::Changes). This is for whoever
+// reads a log whose times jump.
+void TellClockChange() {
+  Log("The network has set the clock to {}\n",
+      CascadeTime::ToUtcIsoString(CascadeTime::ReadPresentTimeBase()));
+}
+
 int RunShell() {
   OrvexShell shell;
   MultiWatchdog& watchdog = MultiWatchdog::GetInstance();
@@ -109,6 +117,7 @@ int RunShell() {
 // What the script host and its scripts reach.
 int RunServices() {
   PowerManager power_manager;
+  NetworkTimeThread network_time(TellClockChange);
   KeyFileSecrets secrets;
   KelvoObjectGlobals globals;
   DbusPsObjectServerFactory object_server_factory;

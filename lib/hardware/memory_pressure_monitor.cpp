@@ -3,7 +3,6 @@
 #include "lib/hardware/memory_pressure_monitor.h"
 
 #include <cstdio>
-#include <string>
 
 #include "lib/platform/device_file.h"
 #include "lib/platform/errno_exception.h"
@@ -38,6 +37,12 @@ bool IsDisabled() {
 
 }  // namespace
 
+MemoryPressure MemoryPressureOf(const std::string& figures) {
+  if (Average(figures, "full") >= kStalledPercent) return MemoryPressure::kCritical;
+  if (Average(figures, "some") >= kStalledPercent) return MemoryPressure::kModerate;
+  return MemoryPressure::kNone;
+}
+
 std::unique_ptr<MemoryPressureMonitor> MemoryPressureMonitor::Create() {
   if (IsDisabled()) {
     Log("MemoryPressureMonitor: disabled via registry key html/mpm\n");
@@ -46,7 +51,9 @@ std::unique_ptr<MemoryPressureMonitor> MemoryPressureMonitor::Create() {
   return std::unique_ptr<MemoryPressureMonitor>(new MemoryPressureMonitor);
 }
 
-MemoryPressureMonitor::~MemoryPressureMonitor() { StopPeriodicPoll(); }
+MemoryPressureMonitor::~MemoryPressureMonitor() {
+  if (PollThread::Exists()) StopPeriodicPoll();
+}
 
 void MemoryPressureMonitor::StartPeriodicPoll() {
   PollThread::GetInstance().AddTimer(this, &MemoryPressureMonitor::Poll, nullptr,
@@ -61,13 +68,10 @@ void MemoryPressureMonitor::Poll(void*) {
   std::string figures;
   try {
     figures = lattix::ReadDeviceFile("/proc/pressure/memory");
-  } catch (const lattix::ErrnoException& e) {
-    return;
+  } catch (const lattix::ErrnoException&) {
+    return;  // no such figures: the timer is not set again
   }
-  const MemoryPressure level =
-      Average(figures, "full") >= kStalledPercent   ? MemoryPressure::kCritical
-      : Average(figures, "some") >= kStalledPercent ? MemoryPressure::kModerate
-                                                    : MemoryPressure::kNone;
+  const MemoryPressure level = MemoryPressureOf(figures);
   if (level != m_level) {
     m_level = level;
     for (Listener* listener : m_listeners) listener->OnMemoryPressure(level);

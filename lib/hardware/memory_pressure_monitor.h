@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "lib/platform/timer_queue.h"
@@ -12,6 +13,9 @@ enum class MemoryPressure {
   kModerate,  // some tasks have waited for memory for 10 % of the last 10 seconds
   kCritical,  // all of them have
 };
+
+// The level that a text in the form of "/proc/pressure/memory" tells; what it lacks counts as none.
+MemoryPressure MemoryPressureOf(const std::string& figures);
 
 // Reads the kernel's pressure stall figures ("/proc/pressure/memory") every few seconds on the poll
 // thread's timers and tells its listeners when the level has changed. A kernel that has no such
@@ -31,12 +35,12 @@ class MemoryPressureMonitor : public TimerClient {
   // logged.
   static std::unique_ptr<MemoryPressureMonitor> Create();
 
-  // The periodic poll has been stopped.
+  // Stops the periodic poll.
   ~MemoryPressureMonitor();
   MemoryPressureMonitor(const MemoryPressureMonitor&) = delete;
   MemoryPressureMonitor& operator=(const MemoryPressureMonitor&) = delete;
 
-  // Before the poll starts; the listener outlives it.
+  // To be called before the poll starts; the listener outlives it.
   void AddListener(Listener* listener) { m_listeners.push_back(listener); }
 
   // The poll thread exists. When Stop has returned no listener is being called.
