@@ -1,17 +1,20 @@
 // Each timer has a slot number. A heap of slots in due order says what runs next; a hash table from
-// calls to slots says what to cancel. Timers that make the same call share one entry of the table:
-// a group, which is a heap of its own, whose front is the one to cancel. A timer that is alone with
-// its call, as nearly all are, needs no group.
+// calls to slots, with the chains through the slots, says what to cancel. Of timers that make the
+// same call only one is in the table: a group, which is a heap of its own, and its front is in the
+// table, as the one to cancel. A timer that is alone with its call, as nearly all are, needs no
+// group.
 //
 // Heaps order by due time, then by a serial number that keeps equal times in the order of their
 // addition. The serial number of a slot's timer tells too whether a heap's entry is that timer's or
 // one's that is gone: a cancelled timer stays in the queue until it comes to the front, or until
-// half of the queue is such. Taking it out of the middle would touch memory at random for every
-// timer that is armed anew, as most are; the front of the queue is always a pending timer.
+// three quarters of the queue are such. Taking it out of the middle would touch memory at random
+// for every timer that is armed anew, as most are; the front of the queue is always a pending
+// timer.
 //
-// The cost with many timers is the cost of cache misses. So there are no nodes: everything lies in
-// arrays, by slot number where it belongs to one timer; the heaps are flat, with eight children
-// in neighbouring cache lines; and the table compares hashes before it looks at a call.
+// The cost with many timers is the cost of cache misses. So to find a timer costs one, in the cache
+// line that holds its call and its place in the chain: the table's heads and the serial numbers lie
+// in small arrays of their own. The heaps are flat, with eight children in neighbouring cache
+// lines.
 #include "lib/platform/timer_queue.h"
 
 #include <algorithm>
@@ -102,182 +105,132 @@ uint32_t HashOf(const TimerCall& call) {
   return static_cast<uint32_t>(hash >> 32);
 }
 
-// What the timers with one call are: a single slot or a group.
-struct Holder {
-  uint32_t number;
-  bool is_group;
-};
-
-// A hash table of holders: open addressing, linear probing, at most three quarters full. It keeps
-// the hashes but not the calls, which its user compares.
-class HolderTable {
- public:
-  HolderTable() : m_entries(kFirstSize) {}
-
-  // The index of the entry with this hash whose holder is the one meant; Size() when there is none.
-  template <typename IsMeant>
-  size_t Find(uint32_t hash, IsMeant is_meant) const {
-    for (size_t i = hash & Mask();; i = (i + 1) & Mask()) {
-      const Entry& entry = m_entries[i];
-      if (!entry.is_used) return Size();
-      if (entry.hash == hash && is_meant(HolderAt(i))) return i;
-    }
-  }
-  size_t Size() const { return m_entries.size(); }
-
-  Holder HolderAt(size_t index) const {
-    return {m_entries[index].number, m_entries[index].is_group != 0};
-  }
-  void Change(size_t index, Holder holder) {
-    m_entries[index].number = holder.number;
-    m_entries[index].is_group = holder.is_group;
-  }
-
-  void Add(uint32_t hash, Holder holder) {
-    if (++m_used * 4 > Size() * 3) Grow();
-    Entry entry{};
-    entry.hash = hash;
-    entry.number = holder.number;
-    entry.is_group = holder.is_group;
-    entry.is_used = true;
-    Insert(entry);
-  }
-
-  // Moves back what follows and would not be found over the gap.
-  void Erase(size_t index) {
-    --m_used;
-    size_t gap = index;
-    for (size_t i = (gap + 1) & Mask(); m_entries[i].is_used; i = (i + 1) & Mask()) {
-      const size_t home = m_entries[i].hash & Mask();
-      if (((i - home) & Mask()) < ((i - gap) & Mask())) continue;
-      m_entries[gap] = m_entries[i];
-      gap = i;
-    }
-    m_entries[gap].is_used = false;
-  }
-
- private:
-  static constexpr size_t kFirstSize = 64;
-
-  struct Entry {
-    uint32_t hash;
-    uint32_t number : 30;
-    uint32_t is_group : 1;
-    uint32_t is_used : 1;
-  };
-
-  size_t Mask() const { return m_entries.size() - 1; }
-
-  void Insert(const Entry& entry) {
-    size_t i = entry.hash & Mask();
-    while (m_entries[i].is_used) i = (i + 1) & Mask();
-    m_entries[i] = entry;
-  }
-
-  void Grow() {
-    std::vector<Entry> old(m_entries.size() * 2);
-    old.swap(m_entries);
-    for (const Entry& entry : old) {
-      if (entry.is_used) Insert(entry);
-    }
-  }
-
-  std::vector<Entry> m_entries;  // the size is a power of two
-  size_t m_used = 0;
-};
-
 }  // namespace
 
 struct TimerQueue::Impl {
   // Below this, entries of timers that are gone are not worth a look at all others.
   static constexpr size_t kSmallQueue = 64;
+  static constexpr size_t kFirstHeads = 64;
   static constexpr uint64_t kFree = UINT64_MAX;
+  static constexpr Slot kEnd = UINT32_MAX;
+  static constexpr GroupNumber kNoGroup = UINT32_MAX;
+
+  // One cache line.
+  struct alignas(64) Timer {
+    TimerCall call;
+    int64_t due;
+    Slot next;          // in the chain, of the one that is in the table
+    GroupNumber group;  // of the one that is in the table; kNoGroup when it is alone with its call
+  };
+  static_assert(sizeof(Timer) == 64);
 
   TimerHeap queue;
   size_t gone = 0;  // entries of the queue whose timer is gone
-  HolderTable table;
   uint64_t next_serial = 0;
 
-  // Half a cache line, and never parts of two.
-  struct alignas(32) SlotCall {
-    TimerCall call;
-  };
-  static_assert(sizeof(SlotCall) == 32);
-
   // By slot.
-  std::vector<SlotCall> calls;
-  struct Pending {
-    uint64_t serial;  // kFree without a timer
-    int64_t due;
-  };
-  std::vector<Pending> pending;
+  std::vector<Timer> timers;
+  std::vector<uint64_t> serials;  // kFree without a timer
   std::vector<Slot> free_slots;
+
+  std::vector<Slot> heads = std::vector<Slot>(kFirstHeads, kEnd);  // a power of two, by hash
+  size_t chained = 0;
 
   std::vector<TimerHeap> groups;  // by number; none holds timers that are gone
   std::vector<GroupNumber> free_groups;
 
-  // The first timer of those that are held.
-  Slot First(Holder holder) const {
-    return holder.is_group ? groups[holder.number].Front().slot : holder.number;
+  Slot* Head(const TimerCall& call) { return &heads[HashOf(call) & (heads.size() - 1)]; }
+
+  // What leads to the timer in the table that makes the call; kEnd is there when none does.
+  Slot* Find(const TimerCall& call) {
+    Slot* link = Head(call);
+    while (*link != kEnd && timers[*link].call != call) link = &timers[*link].next;
+    return link;
   }
 
-  size_t Find(const TimerCall& call, uint32_t hash) const {
-    return table.Find(hash, [&](Holder holder) { return calls[First(holder)].call == call; });
+  void Chain(Slot slot, Slot* link) {
+    timers[slot].next = *link;
+    *link = slot;
+    if (++chained > heads.size() / 2) GrowHeads();
+  }
+
+  void GrowHeads() {
+    std::vector<Slot> old(heads.size() * 2, kEnd);
+    old.swap(heads);
+    for (Slot slot : old) {
+      while (slot != kEnd) {
+        Slot* head = Head(timers[slot].call);
+        const Slot next = std::exchange(timers[slot].next, *head);
+        *head = slot;
+        slot = next;
+      }
+    }
   }
 
   Slot NewSlot(const TimerCall& call, int64_t due) {
     if (free_slots.empty()) {
-      free_slots.push_back(static_cast<Slot>(calls.size()));
-      calls.emplace_back();
-      pending.push_back({kFree, 0});
+      free_slots.push_back(static_cast<Slot>(timers.size()));
+      timers.emplace_back();
+      serials.push_back(kFree);
     }
     const Slot slot = free_slots.back();
     free_slots.pop_back();
-    calls[slot].call = call;
-    pending[slot] = {next_serial++, due};
+    timers[slot] = {call, due, kEnd, kNoGroup};
+    serials[slot] = next_serial++;
     return slot;
   }
 
-  // The timer joins those with its call, at this index of the table.
-  void Join(size_t index, const TimerHeap::Entry& timer) {
-    Holder holder = table.HolderAt(index);
-    if (!holder.is_group) {
+  TimerHeap::Entry EntryOf(Slot slot) const { return {timers[slot].due, serials[slot], slot}; }
+
+  // Another timer of the group takes the place in the table that the link leads to.
+  void Represent(Slot* link, GroupNumber group) {
+    const Slot before = *link;
+    const Slot first = groups[group].Front().slot;
+    timers[first].group = group;
+    if (first == before) return;
+    timers[first].next = timers[before].next;
+    *link = first;
+  }
+
+  // The timer joins those with its call.
+  void Join(Slot* link, Slot slot) {
+    GroupNumber group = timers[*link].group;
+    if (group == kNoGroup) {
       if (free_groups.empty()) {
         free_groups.push_back(static_cast<GroupNumber>(groups.size()));
         groups.emplace_back();
       }
-      const Slot other = holder.number;
-      holder = {free_groups.back(), true};
+      group = free_groups.back();
       free_groups.pop_back();
-      table.Change(index, holder);
-      groups[holder.number].Push({pending[other].due, pending[other].serial, other});
+      groups[group].Push(EntryOf(*link));
     }
-    groups[holder.number].Push(timer);
+    groups[group].Push(EntryOf(slot));
+    Represent(link, group);
   }
 
-  // The first timer of those with a call, at this index of the table, is gone.
-  void RemoveFirst(size_t index) {
-    const Holder holder = table.HolderAt(index);
-    const Slot slot = First(holder);
-    if (!holder.is_group) {
-      table.Erase(index);
+  // The timer in the table that the link leads to is gone.
+  void RemoveFirst(Slot* link) {
+    const Slot slot = *link;
+    const GroupNumber group = timers[slot].group;
+    if (group == kNoGroup) {
+      *link = timers[slot].next;
+      --chained;
     } else {
-      TimerHeap& group = groups[holder.number];
-      group.Pop();
-      if (group.Size() == 1) {
-        table.Change(index, {group.Front().slot, false});
-        group.Pop();
-        free_groups.push_back(holder.number);
+      groups[group].Pop();
+      Represent(link, group);
+      if (groups[group].Size() == 1) {
+        groups[group].Pop();
+        free_groups.push_back(group);
+        timers[*link].group = kNoGroup;
       }
     }
-    pending[slot].serial = kFree;
+    serials[slot] = kFree;
     free_slots.push_back(slot);
     ++gone;
+    ClearFront();
   }
 
-  bool IsGone(const TimerHeap::Entry& entry) const {
-    return pending[entry.slot].serial != entry.serial;
-  }
+  bool IsGone(const TimerHeap::Entry& entry) const { return serials[entry.slot] != entry.serial; }
 
   void ClearFront() {
     while (!queue.IsEmpty() && IsGone(queue.Front())) {
@@ -295,23 +248,19 @@ TimerQueue::TimerQueue() : m_impl(std::make_unique<Impl>()) {}
 TimerQueue::~TimerQueue() = default;
 
 void TimerQueue::Add(const TimerCall& call, int64_t due) {
-  const uint32_t hash = HashOf(call);
-  const size_t index = m_impl->Find(call, hash);
   const Slot slot = m_impl->NewSlot(call, due);
-  const TimerHeap::Entry timer = {due, m_impl->pending[slot].serial, slot};
-  if (index == m_impl->table.Size()) {
-    m_impl->table.Add(hash, {slot, false});
+  m_impl->queue.Push(m_impl->EntryOf(slot));
+  Slot* link = m_impl->Find(call);
+  if (*link == Impl::kEnd) {
+    m_impl->Chain(slot, m_impl->Head(call));
   } else {
-    m_impl->Join(index, timer);
+    m_impl->Join(link, slot);
   }
-  m_impl->queue.Push(timer);
 }
 
 void TimerQueue::Cancel(const TimerCall& call) {
-  const size_t index = m_impl->Find(call, HashOf(call));
-  if (index == m_impl->table.Size()) return;
-  m_impl->RemoveFirst(index);
-  m_impl->ClearFront();
+  Slot* link = m_impl->Find(call);
+  if (*link != Impl::kEnd) m_impl->RemoveFirst(link);
 }
 
 bool TimerQueue::IsEmpty() const { return m_impl->queue.IsEmpty(); }
@@ -322,8 +271,7 @@ int64_t TimerQueue::NextDue() const { return m_impl->queue.Front().due; }
 
 TimerCall TimerQueue::TakeFirst() {
   // The first of all is also the first of those that make its call.
-  const TimerCall call = m_impl->calls[m_impl->queue.Front().slot].call;
-  m_impl->RemoveFirst(m_impl->Find(call, HashOf(call)));
-  m_impl->ClearFront();
+  const TimerCall call = m_impl->timers[m_impl->queue.Front().slot].call;
+  m_impl->RemoveFirst(m_impl->Find(call));
   return call;
 }
