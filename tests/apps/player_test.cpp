@@ -188,6 +188,49 @@ TEST_F(PlayerTest, SigtermDuringTheStartIsNotLost) {
   EXPECT_FALSE(Exists("/var/run/orvex.pid"));
 }
 
+TEST_F(PlayerTest, SigintEndsAPlayerWithoutAConsoleInOrder) {
+  Autorun("Sub Main()\n  Print \"playing\"\n  Sleep(100000)\nEnd Sub\n");
+  for (const auto& [command_line, debug] :
+       {std::pair("quiet ps.debug=0", false), {"ps.debug", true}}) {
+    Write("/proc/cmdline", command_line);
+    Player player = WithoutTerminal();
+    ASSERT_TRUE(player.Expect("playing"));
+    player.Signal(SIGINT);
+    EXPECT_EQ(130, player.Finish());
+    EXPECT_EQ(debug, player.err.find("SIGINT received\n") != std::string::npos);
+    EXPECT_EQ(kAudioMuted, AudioLines());
+  }
+}
+
+// --- The supervisor ---------------------------------------------------------------------------
+
+TEST_F(PlayerTest, TheBuiltInSupervisorsFailureForcesACrashDump) {
+  Autorun("Sub Main()\n  Print \"playing\"\nEnd Sub\n");
+  Write("/storage/sys/bootstrap.js", "process.exit(3)\n");
+  Player player = WithoutTerminal();
+  EXPECT_EQ(41, player.Finish());
+  EXPECT_THAT(player.err, HasSubstr("ERROR: Bootstrap failure 'sys:/bootstrap.js': "));
+  EXPECT_THAT(player.err, HasSubstr("Forcing crash\n"));
+  EXPECT_EQ("4", Read("/sys/class/mem/kmsg/trigger_dump"));
+  EXPECT_EQ("", player.out);
+}
+
+TEST_F(PlayerTest, AConfiguredSupervisorsFailureLeavesThePresentationToThePlayer) {
+  Autorun("Sub Main()\n  Print \"playing\"\nEnd Sub\n");
+  Write("/storage/sd/other.js", "process.exit(3)\n");
+  Write("/var/lib/orvex/registry.json", R"({"autorun":{"bootstrap":"SD:/other.js"}})");
+  Player player = WithoutTerminal();
+  EXPECT_EQ(0, player.Finish());
+  EXPECT_THAT(player.err, HasSubstr("ERROR: Bootstrap failure 'SD:/other.js': "));
+  EXPECT_EQ("playing\n", player.out);
+}
+
+TEST_F(PlayerTest, ASupervisorThatEndsEndsThePlayer) {
+  Write("/storage/sys/bootstrap.js", "process.exit(0)\n");
+  Player player = WithoutTerminal();
+  EXPECT_EQ(42, player.Finish());
+}
+
 // --- The presentation's end -------------------------------------------------------------------
 
 TEST_F(PlayerTest, WithoutATerminalThePlayerEndsWithTheScriptsResult) {
