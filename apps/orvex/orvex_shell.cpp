@@ -39,8 +39,8 @@ OrvexShell::~OrvexShell() {
 }
 
 void OrvexShell::RequestExit(int status) {
-  if (m_exit_requested.exchange(true)) return;
-  m_exit_status = status;
+  int none = kNoRequest;
+  if (!m_requested_status.compare_exchange_strong(none, status)) return;
   m_exit_event.Set();
   lattix::EndConsoleInput();
   const std::lock_guard lock(m_bootstrap_mutex);
@@ -53,7 +53,7 @@ void OrvexShell::RunConsole(const std::string& prompt) {
 }
 
 void OrvexShell::EndConsole(int status) {
-  if (!m_exit_requested) m_exit_status = status;
+  m_exit_status = status;
   m_shell.RequestExit();
 }
 

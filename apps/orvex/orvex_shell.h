@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "apps/orvex/exit_status.h"
 #include "lib/platform/line_editor.h"
 #include "lib/platform/shell.h"
 #include "lib/platform/simple_event.h"
@@ -27,10 +28,6 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   // Plays the device's presentation and serves the console. Returns the process's exit status, for
   // the init scripts. Called once.
   int Start();
-
-  // What the shell ends with: 1 until somebody says otherwise. From any thread.
-  int GetExitStatus() const { return m_exit_status; }
-  void SetExitStatus(int status) { m_exit_status = status; }
 
   // Ends the console, or the supervisor, and with it the player, which then ends in order with this
   // exit status and no other. From any thread, a signal observer too; the first request counts.
@@ -57,7 +54,9 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   // How it runs when it plays the presentation itself.
   int RunUnsupervised();
   void OnPresentationEnd(ScriptInterpreter::ScriptResult result, bool once);
-  // The shell's status as the process's.
+  static constexpr int kNoRequest = -1;
+  bool IsExitRequested() const { return m_requested_status != kNoRequest; }
+  // The shell's status as the process's. On the main thread, when the console has ended.
   int ProcessStatus() const;
 
   // Reads and runs commands until `exit`, the end of the input, or RequestExit.
@@ -65,9 +64,9 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
 
   const std::shared_ptr<lattix::LineEditor> m_editor;
   Shell m_shell;
-  bool m_manufacturing = false;  // its commands have been added
-  std::atomic<int> m_exit_status{1};
-  std::atomic<bool> m_exit_requested{false};
+  bool m_manufacturing = false;          // its commands have been added
+  int m_exit_status = kExitShellFailed;  // what the console ended with; its thread's
+  std::atomic<int> m_requested_status{kNoRequest};
   SimpleEvent m_exit_event;  // set by RequestExit
   std::mutex m_bootstrap_mutex;
   Bootstrap* m_bootstrap = nullptr;  // while it runs; guarded by m_bootstrap_mutex

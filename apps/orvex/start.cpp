@@ -74,9 +74,9 @@ int OrvexShell::Start() {
 }
 
 int OrvexShell::ProcessStatus() const {
-  const int status = GetExitStatus();
   // A status that was asked for is the caller's business, whatever its number.
-  if (status != kExitShellFailed || m_exit_requested) return status;
+  if (IsExitRequested()) return m_requested_status;
+  if (m_exit_status != kExitShellFailed) return m_exit_status;
   return HardwareConfig::GetInstance().IsRestricted() ? kExitService : kExitRestart;
 }
 
@@ -101,7 +101,7 @@ std::optional<int> OrvexShell::RunSupervised() {
       void Set(Bootstrap* b) {
         const std::lock_guard lock(shell.m_bootstrap_mutex);
         shell.m_bootstrap = b;
-        if (b != nullptr && shell.m_exit_requested) b->RequestEnd();
+        if (b != nullptr && shell.IsExitRequested()) b->RequestEnd();
       }
     } const running(*this, &bootstrap);
     bootstrap.Run();
@@ -146,6 +146,11 @@ int OrvexShell::RunUnsupervised() {
   options.first_run_only = once;
   if (has_console) options.console = m_debugger_console->GetIoConsole();
   const std::shared_ptr<AutoScriptInvoker> invoker = CreateAutoScriptInvoker(std::move(options));
+  // Goes before what the invoker uses, whichever way this function is left.
+  struct InGlobals {
+    KelvoObjectGlobals& globals;
+    ~InGlobals() { globals.SetAutoScriptInvoker(nullptr); }
+  } const in_globals{globals};
   globals.SetAutoScriptInvoker(invoker);
   const int64_t begin = tracing::Now();
   invoker->Start([this, once, begin](ScriptInterpreter::ScriptResult result) {
@@ -165,6 +170,5 @@ int OrvexShell::RunUnsupervised() {
     Log("The script does not end; leaving without it\n");
     PidFileWriter::EndAtOnce(status);
   }
-  globals.SetAutoScriptInvoker(nullptr);
   return status;
 }

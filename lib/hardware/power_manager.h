@@ -7,8 +7,7 @@
 
 // Why the device is rebooted; the number is part of the log line.
 enum class RebootReason {
-  kScriptHost = 3,  // the script host gave up: no script, or one that failed
-  kRequested = 4,   // a script or the operator asked for it
+  kRequested = 4,  // a script, the script host or the operator asked for it
 };
 
 // The one place that may stop the machine. On a device the service manager is asked, which ends
