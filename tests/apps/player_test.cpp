@@ -192,6 +192,10 @@ TEST_F(PlayerTest, SigintEndsAPlayerWithoutAConsoleInOrder) {
   Autorun("Sub Main()\n  Print \"playing\"\n  Sleep(100000)\nEnd Sub\n");
   for (const auto& [command_line, debug] :
        {std::pair("quiet ps.debug=0", false), {"ps.debug", true}}) {
+#ifdef __SANITIZE_THREAD__
+    // The sanitizer keeps a handler back while the thread waits in a system call of its own.
+    if (debug) continue;
+#endif
     Write("/proc/cmdline", command_line);
     Player player = WithoutTerminal();
     ASSERT_TRUE(player.Expect("playing"));
