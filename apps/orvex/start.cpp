@@ -152,6 +152,8 @@ int OrvexShell::RunUnsupervised() {
     ~InGlobals() { globals.SetAutoScriptInvoker(nullptr); }
   } const in_globals{globals};
   globals.SetAutoScriptInvoker(invoker);
+  std::optional<EndOnInterrupt> end_on_interrupt;
+  if (!has_console) end_on_interrupt.emplace();
   const int64_t begin = tracing::Now();
   invoker->Start([this, once, begin](ScriptInterpreter::ScriptResult result) {
     tracing::Complete(tracing::Category::kScript, "presentation", begin);
@@ -161,7 +163,6 @@ int OrvexShell::RunUnsupervised() {
   if (has_console) {
     RunConsole(kUnsupervisedPrompt);
   } else {
-    const EndOnInterrupt end_on_interrupt;
     m_exit_event.Wait(0);
   }
 
