@@ -149,9 +149,14 @@ TEST_F(BootstrapTest, IsWatchedFromItsFirstSignOfLife) {
 }
 
 TEST_F(BootstrapTest, DiesWithThePlayer) {
-  // The thread that started the child stands for the player.
-  SpawnProcess child("sleep", {"1000"});
-  std::thread([&] { child.Execute(SpawnProcess::kEndWithParent); }).join();
+  // The thread that started the child stands for the player. It must not end before the child runs:
+  // unlike the player's end, that is not noticed by the child.
+  SpawnProcess child("sh", {"-c", "echo; exec sleep 1000"});
+  std::thread([&] {
+    child.Execute(SpawnProcess::kEndWithParent | SpawnProcess::kPipeStdout);
+    char byte;
+    EXPECT_EQ(::read(child.GetStdout(), &byte, 1), 1);
+  }).join();
   EXPECT_THROW(child.Wait(), SpawnProcess::ChildWasKilledBySignal);
 }
 
