@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <string_view>
+#include <utility>
 
 #include "lib/platform/assertion.h"
 #include "lib/platform/device_path.h"
@@ -172,8 +173,8 @@ void AutorunStorages::ResolveNames() {
   }
   for (int i = 0; i < kStorageCount; ++i) {
     int& meant = m_meant[static_cast<size_t>(i)];
-    meant = i;
     AutorunStatus& status = m_status[static_cast<size_t>(i)];
+    if (std::exchange(meant, i) != i) status = AutorunStatus::kUnmounted;
     if (!IsName(Entry(i)) || status != AutorunStatus::kUnmounted || first < 0) continue;
     meant = i == 0 ? first : last;
     status = GetStatus(meant);
@@ -233,11 +234,12 @@ std::string AutorunStorages::GetScriptPath(int storage_index) const {
   return std::string(Entry(storage_index).prefix) + GetScriptName(GetStatus(storage_index));
 }
 
-void AutorunStorages::MarkBad(int storage_index, AutorunStatus status) {
+void AutorunStorages::MarkAutorunBad(int storage_index, AutorunStatus status) {
   LATTIX_ASSERT(IsBad(status));
   const StorageEntry& entry = Entry(storage_index);
   Log("Marking autorun on {} as {}\n", entry.prefix, GetStatusText(status));
   m_status[static_cast<size_t>(storage_index)] = status;
+  ResolveNames();
 }
 
 void AutorunStorages::ForgetBad() {

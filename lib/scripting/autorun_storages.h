@@ -69,7 +69,7 @@ class AutorunStorages {
   // The drive-style name of a storage's script, which there must be.
   std::string GetScriptPath(int storage_index) const;
 
-  void MarkBad(int storage_index, AutorunStatus status);
+  void MarkAutorunBad(int storage_index, AutorunStatus status);
   // Somebody has repaired the storages: all are tried again.
   void ForgetBad();
 

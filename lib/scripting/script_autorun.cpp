@@ -541,9 +541,9 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::RunAutoruns(int storage_index
       default: break;
     }
     if (m_options.first_run_only) return outcome.result;
-    m_storages.MarkBad(storage_index, outcome.result == ScriptInterpreter::kLoadError
-                                          ? AutorunStatus::kLoadError
-                                          : AutorunStatus::kRuntimeError);
+    m_storages.MarkAutorunBad(storage_index, outcome.result == ScriptInterpreter::kLoadError
+                                                 ? AutorunStatus::kLoadError
+                                                 : AutorunStatus::kRuntimeError);
     if (OperatorDebugs(outcome)) return outcome.result;
     if (Bail()) return ScriptInterpreter::kNormal;
     Log("Load or runtime error in autorun. Forcing recovery.\n");
@@ -809,12 +809,14 @@ std::string AutoScriptInvokerImpl::FindLastResortScript(NetworkRecovery& recover
       recovery.RequestNow();
     }
     std::string script;
+    // What would have been next is no reason to leave the failure of the best unmended.
+    const int known = m_storages.Best();
     bool look = true;  // what has come since the storages were last looked at is not in the watch
     while (!Bail() && script.empty() && answers < last) {
       if (std::exchange(look, false)) {
         m_storages.Scan(mapper);
         const int best = m_storages.Best();
-        *start_over = best >= 0 && !AutorunStorages::IsDefault(best);
+        *start_over = best >= 0 && best != known && !AutorunStorages::IsDefault(best);
         if (*start_over) break;
       }
       const RecoveryResult result = recovery.GetResult();

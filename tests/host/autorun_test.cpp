@@ -116,7 +116,7 @@ TEST_F(StoragesTest, ABadOneIsSkippedUntilItsMediumIsTakenOut) {
   AutorunStorages storages({});
   storages.Scan(mapper);
   const int usb = storages.Best();
-  storages.MarkBad(usb, AutorunStatus::kLoadError);
+  storages.MarkAutorunBad(usb, AutorunStatus::kLoadError);
   storages.Scan(mapper);
   EXPECT_EQ(storages.GetScriptPath(storages.Best()), "SD:/autorun.plm");
   EXPECT_NE(storages.GetStatusList().find("USB1=autorun-load-error;"), std::string::npos);
@@ -375,6 +375,8 @@ TEST_F(InvokerTest, WithoutAnOverrideTheAutorunRuns) {
 
 TEST_F(InvokerTest, AFailureIsReportedAndRecoveredFrom) {
   Script("sd/autorun.plm", kFails);
+  // It is not what the other medium is for.
+  Script("ssd/autorun.plm", "sub main()\nprint \"other\"\nend sub\n");
   // A script that repairs the storage.
   const std::string repair =
       "sub main()\nCopyFile(\"SD:/good.plm\", \"SD:/autorun.plm\")\nRestartScript()\nend sub\n";
@@ -389,6 +391,7 @@ TEST_F(InvokerTest, AFailureIsReportedAndRecoveredFrom) {
   EXPECT_TRUE(log.Has("Begin last resort recovery due to 2\n")) << log.Text();
   EXPECT_TRUE(log.Has("Running last resort recovery 'tmp:/recovery1.plm'\n"));
   EXPECT_TRUE(console.text().ends_with("ran\n"));
+  EXPECT_EQ(console.text().find("other"), std::string::npos);
   const auto requests = fetcher->requests();
   const auto report =
       std::ranges::find_if(requests, [](auto& r) { return r.post_body.has_value(); });
