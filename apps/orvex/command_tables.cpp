@@ -5,6 +5,7 @@
 #include "apps/orvex/command_tables.h"
 
 #include "apps/orvex/command_line.h"
+#include "apps/orvex/commands_content.h"
 #include "apps/orvex/commands_device.h"
 #include "apps/orvex/commands_display.h"
 #include "apps/orvex/commands_files.h"
@@ -13,6 +14,7 @@
 #include "apps/orvex/commands_media.h"
 #include "apps/orvex/commands_mfg.h"
 #include "apps/orvex/commands_network.h"
+#include "apps/orvex/commands_performance.h"
 #include "apps/orvex/commands_registry.h"
 #include "apps/orvex/commands_system.h"
 

@@ -6,15 +6,8 @@
 namespace commands {
 
 int Dir(const CommandLine& command);
-int ReadPerf(const CommandLine& command);
-int WritePerf(const CommandLine& command);
-int ReadWritePerf(const CommandLine& command);
 int ChangeDirectory(const CommandLine& command);
 int Delete(const CommandLine& command);
-int File(const CommandLine& command);
-int Hash(const CommandLine& command);
-int Probe(const CommandLine& command);
-int Analyze(const CommandLine& command);
 int WriteBootFile(const CommandLine& command);
 int EraseBootFile(const CommandLine& command);
 int Format(const CommandLine& command);
