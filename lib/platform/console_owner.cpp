@@ -28,6 +28,7 @@ struct ConsoleOwnership {
   ConsoleReader* m_active = nullptr;    // uses the terminal
   bool m_ended = false;
   condition_variable m_changed;
+  ListenerList<> m_releases;  // called without the mutex
 
   // Lives for ever: readers may end after the static objects have.
   static ConsoleOwnership& Get() {
@@ -54,9 +55,14 @@ struct ConsoleOwnership {
     if (m_active != nullptr && !IsOwner(m_active)) Wake(m_active);
   }
   void Remove(ConsoleClaim* claim) {
-    std::erase(m_claims, claim);
-    if (m_active == claim) m_active = nullptr;
-    m_changed.notify_all();
+    {
+      std::lock_guard lock(m_mutex);
+      std::erase(m_claims, claim);
+      if (m_active == claim) m_active = nullptr;
+      m_changed.notify_all();
+      if (!m_claims.empty()) return;
+    }
+    m_releases.Call();
   }
   // At most one byte is in the pipe, so waking never blocks.
   static void Wake(ConsoleReader* reader) {
@@ -73,6 +79,21 @@ void EndConsoleInput() {
   ownership.m_changed.notify_all();
 }
 
+bool IsConsoleClaimed() {
+  ConsoleOwnership& ownership = ConsoleOwnership::Get();
+  std::lock_guard lock(ownership.m_mutex);
+  return ownership.m_ended || !ownership.m_claims.empty();
+}
+
+std::optional<ssize_t> ReadUnclaimedConsole(void* buffer, size_t size) {
+  ConsoleOwnership& ownership = ConsoleOwnership::Get();
+  std::lock_guard lock(ownership.m_mutex);
+  if (ownership.m_ended || !ownership.m_claims.empty()) return std::nullopt;
+  return read(STDIN_FILENO, buffer, size);
+}
+
+ListenerList<>& ConsoleReleases() { return ConsoleOwnership::Get().m_releases; }
+
 ConsoleHold::ConsoleHold() {
   ConsoleOwnership& ownership = ConsoleOwnership::Get();
   std::unique_lock lock(ownership.m_mutex);
@@ -81,10 +102,8 @@ ConsoleHold::ConsoleHold() {
 }
 
 ConsoleHold::~ConsoleHold() {
-  ConsoleOwnership& ownership = ConsoleOwnership::Get();
-  std::lock_guard lock(ownership.m_mutex);
   LATTIX_ASSERT(m_thread == std::this_thread::get_id());
-  ownership.Remove(this);
+  ConsoleOwnership::Get().Remove(this);
 }
 
 bool ConsoleReader::WaitForTurn(std::unique_lock<std::mutex>& lock) {
@@ -132,11 +151,7 @@ bool ConsoleReader::Suspend() {
 }
 
 void ConsoleReader::End() {
-  ConsoleOwnership& ownership = ConsoleOwnership::Get();
-  {
-    std::lock_guard lock(ownership.m_mutex);
-    ownership.Remove(this);
-  }
+  ConsoleOwnership::Get().Remove(this);
   if (m_attached) SignalDispatcher::GetInstance().Detach(SIGINT, this);
 }
 

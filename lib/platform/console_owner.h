@@ -8,15 +8,33 @@
 // nobody else. All may be called from any thread, unless it is said otherwise.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
+#include <mutex>
+#include <optional>
 #include <thread>
 
 #include "lib/platform/async_signals.h"
+#include "lib/platform/listener_list.h"
 #include "lib/platform/poll_waker.h"
 
 namespace lattix {
 
 // From now on every reader of the console, the waiting ones too, finds the end of input.
 void EndConsoleInput();
+
+// --- Those who take what nobody else wants ----------------------------------------------------
+
+// Whether somebody has claimed the console, or its input has been ended.
+bool IsConsoleClaimed();
+// Reads what there is on standard input, unless the console is claimed; to be called when a read
+// does not block. The result and errno of read(2); none, and nothing read, when it is claimed.
+std::optional<ssize_t> ReadUnclaimedConsole(void* buffer, size_t size);
+// Called when the last claim has gone, on the thread that had it.
+ListenerList<>& ConsoleReleases();
+
+// --- Claims -----------------------------------------------------------------------------------
 
 class ConsoleClaim {
  public:
