@@ -172,6 +172,7 @@ class LineEditorImpl final : public LineEditor {
   Edited Edit(ConsoleReader::Place place, std::wstring_view* line);
   Byte NextByte(unsigned char* byte);
   bool LendConsole();
+  void KeepMode(const termios& found);
   void LeaveLine();
   void Remember(int operation, const std::wstring& line);
 
@@ -198,18 +199,7 @@ LineEditorImpl::LineEditorImpl(const char* prompt)
   el_set(m_editor, EL_PROMPT, &LineEditorImpl::Prompt);
   el_set(m_editor, EL_GETCFN, &LineEditorImpl::ReadKey);
   el_set(m_editor, EL_EDITOR, "emacs");
-  // The library turns job control on in both its modes, also where the console has turned it off.
-  if (has_mode) {
-    for (const char* mode : {"-x", "-d"}) {
-      if (found.c_cc[VQUIT] == _POSIX_VDISABLE) {
-        el_set(m_editor, EL_SETTY, mode, "quit=", nullptr);
-      }
-      if (found.c_cc[VSUSP] == _POSIX_VDISABLE) {
-        el_set(m_editor, EL_SETTY, mode, "susp=", nullptr);
-      }
-    }
-    tcsetattr(STDIN_FILENO, TCSADRAIN, &found);
-  }
+  if (has_mode) KeepMode(found);
   m_history = history_winit();
   if (m_history == nullptr) {
     el_end(m_editor);
@@ -218,6 +208,32 @@ LineEditorImpl::LineEditorImpl(const char* prompt)
   HistEventW event;
   history_w(m_history, &event, H_SETSIZE, kHistoryLines);
   el_wset(m_editor, EL_HIST, history_w, m_history);
+}
+
+// Between two lines the library gives the terminal a mode with echo, lines and job control, unless
+// it is told otherwise. The console's owner has chosen another one, which commands rely on, and
+// what is typed ahead must not be echoed by the terminal and by the next prompt both.
+void LineEditorImpl::KeepMode(const termios& found) {
+  const struct {
+    const char* on;
+    const char* off;
+    bool is_on;
+  } modes[] = {
+      {"+icanon", "-icanon", (found.c_lflag & ICANON) != 0},
+      {"+echo", "-echo", (found.c_lflag & ECHO) != 0},
+      {"+echoe", "-echoe", (found.c_lflag & ECHOE) != 0},
+      {"+echoctl", "-echoctl", (found.c_lflag & ECHOCTL) != 0},
+      {"+iexten", "-iexten", (found.c_lflag & IEXTEN) != 0},
+      {"+icrnl", "-icrnl", (found.c_iflag & ICRNL) != 0},
+  };
+  for (const auto& mode : modes) {
+    el_set(m_editor, EL_SETTY, "-x", mode.is_on ? mode.on : mode.off, nullptr);
+  }
+  for (const char* mode : {"-x", "-d"}) {
+    if (found.c_cc[VQUIT] == _POSIX_VDISABLE) el_set(m_editor, EL_SETTY, mode, "quit=", nullptr);
+    if (found.c_cc[VSUSP] == _POSIX_VDISABLE) el_set(m_editor, EL_SETTY, mode, "susp=", nullptr);
+  }
+  tcsetattr(STDIN_FILENO, TCSADRAIN, &found);
 }
 
 LineEditorImpl::~LineEditorImpl() {

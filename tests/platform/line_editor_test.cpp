@@ -130,6 +130,14 @@ class Screen {
   size_t m_seen = 0;
 };
 
+// Whether a terminal in this mode is as the tests' console was set up.
+bool IsConsoleMode() {
+  termios mode;
+  tcgetattr(0, &mode);
+  return (mode.c_lflag & (ICANON | ECHO | IEXTEN)) == 0 && (mode.c_lflag & ISIG) != 0 &&
+         mode.c_cc[VSUSP] == _POSIX_VDISABLE && mode.c_cc[VQUIT] == _POSIX_VDISABLE;
+}
+
 void PrintWords(LineEditor& editor, int count, const char** words) {
   std::string line = "<";
   for (int i = 0; i < count; ++i) line += std::string(i > 0 ? "|" : "") + words[i];
@@ -141,6 +149,7 @@ int Shell() {
   const auto editor = MakeLineEditor("Orvex> ");
   editor->Run([&](int count, const char** words) {
     PrintWords(*editor, count, words);
+    if (isatty(0) && !IsConsoleMode()) editor->Puts("wrong mode\n");
     return count == 0 || std::string(words[0]) != "exit";
   });
   editor->Puts("ended\n");
@@ -171,6 +180,7 @@ TEST(LineEditor, EditsRecallsAndContinuesCommands) {
   screen.Type("exit\r");
   screen.WaitFor("ended");
   EXPECT_EQ(screen.WaitForEnd(), 0);
+  EXPECT_EQ(screen.text().find("wrong mode"), std::string::npos);
 }
 
 TEST(LineEditor, AnInterruptAbandonsTheCommandThatIsTyped) {

@@ -28,6 +28,7 @@ class ConsoleInstance final
   void DoFlush() override;
 
  private:
+  PollableWaker m_look_again;
   uint64_t m_releases = 0;             // the listener; 0: not registered
   std::atomic<bool> m_failed = false;  // reading fails, so there is no point in waiting for input
 };

@@ -2,6 +2,7 @@
 // at the place that the catalogue of classes gives it.
 #include "lib/scripting/CommonAPI/Include/class_registry.h"
 
+#include "lib/scripting/CommonAPI/Include/console_object.h"
 #include "lib/scripting/CommonAPI/Include/device_objects.h"
 #include "lib/scripting/CommonAPI/Include/file_objects.h"
 #include "lib/scripting/CommonAPI/Include/registry_objects.h"
@@ -32,6 +33,7 @@ constexpr pscClass* kClasses[] = {
     &StreamByteArrayEventInstance::sm_class,
     &DurationInstance::sm_class,
     &SystemLogInstance::sm_class,
+    &ConsoleInstance::sm_class,
 };
 // clang-format on
 

@@ -1,13 +1,14 @@
 // koConsole: standard input as events on the script's ports, standard output as a stream.
 //
-// While somebody else has claimed the console the object polls nothing. Its listener makes the poll
-// thread look at its descriptor again when the last claim has gone.
+// While somebody else has claimed the console the object polls nothing. When the last claim
+// has gone, a waker makes the poll thread ask for its descriptor again.
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <stdexcept>
 
 #include "lib/platform/console_owner.h"
 #include "lib/platform/errno_exception.h"
@@ -20,18 +21,22 @@ using lattix::Log;
 ConsoleInstance::~ConsoleInstance() {
   if (m_releases == 0) return;
   lattix::ConsoleReleases().Remove(m_releases);
-  KelvoObjectGlobals::GetInstance().GetPollThread().Detach(this);
+  PollThread& poll_thread = KelvoObjectGlobals::GetInstance().GetPollThread();
+  poll_thread.Detach(this);
+  poll_thread.Detach(&m_look_again);
 }
 
 bool ConsoleInstance::Init() {
   SetSendEol("\n");
   SetReceiveEol(KelvoTypedValue::From(GetDomain(), int32_t{'\n'}));
   PollThread& poll_thread = KelvoObjectGlobals::GetInstance().GetPollThread();
-  if (!poll_thread.TryAttach(this, POLLIN)) throw std::runtime_error("Too many poll clients");
-  m_releases = lattix::ConsoleReleases().Add(
-      [this, &poll_thread] { poll_thread.ChangeEvents(this, POLLIN); });
-  // A claim that went before the listener was there.
-  poll_thread.ChangeEvents(this, POLLIN);
+  if (!poll_thread.TryAttach(&m_look_again, POLLIN) || !poll_thread.TryAttach(this, POLLIN)) {
+    poll_thread.Detach(&m_look_again);
+    throw std::runtime_error("Too many poll clients");
+  }
+  m_releases = lattix::ConsoleReleases().Add([this] { m_look_again.GetWaker().Wake(); });
+  // For a claim that went before the listener was there.
+  m_look_again.GetWaker().Wake();
   return true;
 }
 
@@ -80,4 +85,5 @@ constexpr psInterface kInterfaces[] = {
 
 }  // namespace
 
-constinit pscClass ConsoleInstance::sm_class = KelvoClass<ConsoleInstance>("koConsole", kInterfaces);
+constinit pscClass ConsoleInstance::sm_class =
+    KelvoClass<ConsoleInstance>("koConsole", kInterfaces);

@@ -1,0 +1,158 @@
+// The player's console as an operator has it: the real program on a terminal, in a device root.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/apps/program_run.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char kPrompt[] = "Orvex(unsupervised)> ";
+
+class ConsoleTest : public testing::Test {
+ protected:
+  ConsoleTest() {
+    ::signal(SIGPIPE, SIG_IGN);
+    std::string folder = testing::TempDir() + "console-XXXXXX";
+    m_root = ::mkdtemp(folder.data());
+    EXPECT_EQ(0, std::system((DEVICE_ROOT_TOOL " '" + m_root.string() + "'").c_str()));
+  }
+  ~ConsoleTest() override { fs::remove_all(m_root); }
+
+  void Start() {
+    player.emplace(ORVEX_PROGRAM, std::vector<std::string>{}, m_root, true,
+                   std::vector<std::string>{"ORVEX_ROOT=" + m_root.string()});
+    player->Expect(kPrompt);
+  }
+  // What a command prints, up to the next prompt.
+  std::string Ask(const std::string& command) {
+    const size_t before = player->out.size();
+    player->Type(command + "\r");
+    player->Expect(std::string("\n") + kPrompt);
+    std::string text = player->out.substr(before);
+    std::erase(text, '\r');
+    text.erase(0, text.find('\n') + 1);
+    return text.substr(0, text.rfind(kPrompt));
+  }
+  int Exit() {
+    player->Type("exit\r");
+    return player->Finish();
+  }
+  void Write(const std::string& path, const std::string& text) {
+    std::ofstream(m_root.string() + path, std::ios::binary) << text;
+  }
+
+  fs::path m_root;
+  std::optional<ProgramRun> player;
+};
+
+std::string Content(const fs::path& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+// Regenerate the file by running this test with CONSOLE_HELP_OUT naming it.
+TEST_F(ConsoleTest, TheListingAndTheHelpOfEveryCommand) {
+  Start();
+  std::string all = Ask("?");
+  EXPECT_EQ(all, Ask("help"));
+  std::istringstream listing(all);
+  std::vector<std::string> names = {"licences", "mfgnot"};
+  for (std::string line; std::getline(listing, line);) {
+    if (line.starts_with(' ')) names.push_back(line.substr(1, line.find(' ', 1) - 1));
+  }
+  EXPECT_EQ(names.size(), 2u + 3 + 45 - 1 + 7 + 6);
+  for (const std::string& name : names) all += "--- " + name + "\n" + Ask("help " + name);
+  if (const char* out = std::getenv("CONSOLE_HELP_OUT")) std::ofstream(out) << all;
+  EXPECT_EQ(all, Content(CONSOLE_HELP_FILE));
+  EXPECT_EQ(42, Exit());
+}
+
+TEST_F(ConsoleTest, CommandsAnswer) {
+  Write("/storage/sd/a.txt", "abc");
+  fs::create_directories(m_root / "storage/sd/d/e");
+  fs::create_directory_symlink("/etc", m_root / "storage/sd/d/link");
+  Start();
+  const struct {
+    const char* command;
+    const char* answer;
+  } rows[] = {
+      {"nothing here", "nothing: command not found\n\n"},
+      {"exit now", "usage: exit\n\n"},
+      {"clear x", "usage: clear\n\n"},
+      {"   ", ""},
+      {"mfg wrong", "All tests passed.\n\n"},
+      {"srbdump", "srbdump: command not found\n\n"},
+      {"serialbaud 9600", "Error: command \"serialbaud\" currently not implemented\n\n"},
+      {"date 2024/13/01 00:00:00", "Incorrect time format.\n\n"},
+      {"timezone GMT", "Setting time zone to 'GMT'\n\n"},
+      {"timezone", "GMT (Greenwich Mean Time)\n\n"},
+      {"timezone nowhere", "Invalid time zone.\n\n"},
+      {"date 2030/02/03 04:05:06", "\n"},
+      {"registry write test key 'a value'", "\n"},
+      {"registry read test key", "a value\n\n"},
+      {"registry delete test", "\n"},
+      {"registry list test", "\n"},
+      {"registry write '' k v", "Command \"registry\", generated exception: InvalidName\n\n"},
+      {"dir nope:/", "nope:/: Invalid drive specifier.\n\n"},
+      {"cd sd:/d/e/..", "\n"},
+      {"cd", "SD:/d/\n\n"},
+      {"cd ../..", "../..: no such directory\n\n"},
+      {"hash sha1 ../a.txt", "a9993e364706816aba3e25717850c26c9cd0d89d\n\n"},
+      {"hash besha1 ../a.txt", "363e99a96a81064771253eba6cc250789dd8d09c\n\n"},
+      {"delete sd:/d/link sd:/d", "\n"},
+      {"dir sd:/", "a.txt\n\n"},
+      {"licenses show ../x", "Invalid package name\n\n"},
+      {"licences show none", "Package not available\n\n"},
+      {"script sd:/none.plm", "Script not found.\n\n"},
+      {"script debug maybe", "Invalid argument to \"script debug\". Try \"help script\"\n\n"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(Ask(row.command), row.answer) << row.command;
+  }
+  EXPECT_THAT(Ask("date"), HasSubstr("2030/02/03 04:05:"));
+  EXPECT_EQ(42, Exit());
+  EXPECT_TRUE(fs::exists("/etc/passwd"));
+}
+
+TEST_F(ConsoleTest, AnInterruptStopsALongOutputAndTheTypedLine) {
+  Write("/usr/share/licenses/orvex/LICENSE", std::string(20'000'000, 'x') + "END OF TEXT");
+  Start();
+  player->Type("licenses show orvex\r");
+  player->Expect("xxxx");
+  player->Type("\x03");
+  player->Expect("Command \"licenses\", generated exception: Interrupted");
+  player->Expect(kPrompt);
+  EXPECT_THAT(player->out, Not(HasSubstr("END OF TEXT")));
+  player->Type("reboot");
+  player->Expect("reboot");
+  player->Type("\x03");
+  player->Expect(kPrompt);
+  EXPECT_EQ(Ask("hash \\\r'md5' nope:/"), "> 'md5' nope:/\nnope:/: Invalid drive specifier.\n\n");
+  EXPECT_THAT(Ask("\x10"), HasSubstr("nope:/: Invalid drive specifier."));
+  EXPECT_EQ(42, Exit());
+}
+
+TEST_F(ConsoleTest, AVanishedTerminalEndsThePlayer) {
+  Start();
+  player->Type("half a comm");
+  player->Expect("half a comm");
+  player->EndInput();
+  player->CloseOutput();
+  EXPECT_EQ(42, player->Finish());
+}
+
+}  // namespace
