@@ -40,7 +40,7 @@ class ConsoleTest : public testing::Test {
   std::string Ask(const std::string& command) {
     const size_t before = player->out.size();
     player->Type(command + "\r");
-    player->Expect(std::string("\n") + kPrompt);
+    player->Expect("\nOrvex(unsupervised)> ");
     std::string text = player->out.substr(before);
     std::erase(text, '\r');
     text.erase(0, text.find('\n') + 1);
@@ -75,7 +75,8 @@ TEST_F(ConsoleTest, TheListingAndTheHelpOfEveryCommand) {
     if (line.starts_with(' ')) names.push_back(line.substr(1, line.find(' ', 1) - 1));
   }
   EXPECT_EQ(names.size(), 2u + 3 + 45 - 1 + 7 + 6);
-  for (const std::string& name : names) all += "--- " + name + "\n" + Ask("help " + name);
+  for (const std::string& name : names)
+    all.append("--- ").append(name).append("\n").append(Ask("help " + name));
   if (const char* out = std::getenv("CONSOLE_HELP_OUT")) std::ofstream(out) << all;
   EXPECT_EQ(all, Content(CONSOLE_HELP_FILE));
   EXPECT_EQ(42, Exit());
@@ -129,7 +130,7 @@ TEST_F(ConsoleTest, CommandsAnswer) {
 }
 
 TEST_F(ConsoleTest, AnInterruptStopsALongOutputAndTheTypedLine) {
-  Write("/usr/share/licenses/orvex/LICENSE", std::string(20'000'000, 'x') + "END OF TEXT");
+  Write("/usr/share/licenses/orvex/LICENSE", std::string(20'000'000, 'x').append("END OF TEXT"));
   Start();
   player->Type("licenses show orvex\r");
   player->Expect("xxxx");
