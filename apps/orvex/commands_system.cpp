@@ -145,7 +145,7 @@ int Script(const CommandLine& command) {
   if (count == 0) {
     RunScript(command, "", 0, nullptr);
   } else {
-    RunScript(command, command.words[1], static_cast<int>(count - 1), &command.words[2]);
+    RunScript(command, command.words[1], static_cast<int>(count - 1), command.words.data() + 2);
   }
   return 0;
 }

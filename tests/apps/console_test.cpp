@@ -156,4 +156,31 @@ TEST_F(ConsoleTest, AVanishedTerminalEndsThePlayer) {
   EXPECT_EQ(42, player->Finish());
 }
 
+// A script reads what nobody's prompt takes; a console that is closed under it ends the process.
+TEST_F(ConsoleTest, AScriptReadsLinesUntilTheConsoleIsClosed) {
+  Write("/storage/sd/console.plm", R"(Sub Main()
+  console = CreateObject("koConsole")
+  port = CreateObject("koMessagePort")
+  console.SetUserData("mine")
+  console.SetLineEventPort(port)
+  console.SendLine("ready")
+  console.Flush()
+  While true
+    event = Wait(0, port)
+    console.SendLine(event.GetUserData() + " <" + event.GetString() + ">")
+    console.Flush()
+  End While
+End Sub
+)");
+  ProgramRun script(PLUMSCRIPT_PROGRAM, {"run", "console.plm"}, m_root / "storage/sd", false, {});
+  script.Expect("ready\n");
+  script.Type("one\ntwo\nha");
+  script.Expect("mine <one>\nmine <two>\n");
+  script.Type("lf\n");
+  script.Expect("mine <half>\n");
+  script.EndInput();
+  EXPECT_EQ(1000 + SIGABRT, script.Finish());
+  EXPECT_THAT(script.err, HasSubstr("Read zero bytes from serial port on fd 0\n"));
+}
+
 }  // namespace
