@@ -121,10 +121,11 @@ psStatus readCommands(psProc* p) {
       pscPrint("Sticky break!\n");
       return kPsNormalEnd;
     }
+    // Before the line is read: a break that comes once it is typed is meant for what it runs.
+    clearBreakCode(p);
     const int n = io_read_line(io, line, sizeof line, kPsDebugPrompt);
     if (n < 0) return kPsNormalEnd;
     if (n == 0 || stickyBreak(p)) continue;
-    clearBreakCode(p);
     const psStatus next = DebugExecuteLine(p, psText(line, static_cast<size_t>(n)));
     if (next != kStay) return next;
   }
