@@ -11,6 +11,7 @@
 //     it was found: the other one's library assumes that.
 #include "lib/platform/line_editor.h"
 
+#include <fcntl.h>
 #include <histedit.h>
 #include <locale.h>
 #include <sys/ioctl.h>
@@ -176,7 +177,12 @@ class LineEditorImpl final : public LineEditor {
   void LeaveLine();
   void Remember(int operation, const std::wstring& line);
 
+  using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
+
   Magic m_magic;
+  // Standard output again, but buffered: the library writes byte by byte and flushes before it
+  // waits for a key, and what other threads log must not get between the bytes of a prompt.
+  Stream m_screen;
   EditLine* m_editor = nullptr;
   HistoryW* m_history = nullptr;
   std::string m_prompt;
@@ -187,12 +193,15 @@ class LineEditorImpl final : public LineEditor {
 };
 
 LineEditorImpl::LineEditorImpl(const char* prompt)
-    : m_prompt(prompt), m_terminal(isatty(STDIN_FILENO) == 1) {
+    : m_screen(fdopen(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "w"), std::fclose),
+      m_prompt(prompt),
+      m_terminal(isatty(STDIN_FILENO) == 1) {
+  if (m_screen == nullptr) m_screen = Stream(stdout, [](FILE*) { return 0; });
   termios found;
   const bool has_mode = tcgetattr(STDIN_FILENO, &found) == 0;
   {
     const Utf8Locale locale;
-    m_editor = el_init("orvex", stdin, stdout, stderr);
+    m_editor = el_init("orvex", stdin, m_screen.get(), stderr);
   }
   if (m_editor == nullptr) throw std::bad_alloc();
   el_set(m_editor, EL_CLIENTDATA, this);
