@@ -6,7 +6,6 @@
 namespace commands {
 
 int Ping(const CommandLine& command);
-int IfConfig(const CommandLine& command);
 int WifiScan(const CommandLine& command);
 int HttpGetPerf(const CommandLine& command);
 int NsLookup(const CommandLine& command);

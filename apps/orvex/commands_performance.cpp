@@ -31,14 +31,6 @@ namespace {
 constexpr size_t kBlock = size_t{1} << 20;
 constexpr int64_t kTestFile = int64_t{64} << 20;
 
-// Decimal units, as the labels of media have them.
-std::string Rate(int64_t bytes, int64_t nanoseconds) {
-  const double per_second =
-      static_cast<double>(bytes) * 1e9 / static_cast<double>(std::max<int64_t>(nanoseconds, 1));
-  return per_second < 1e6 ? fmt::format("{:.1f} kB/s", per_second / 1e3)
-                          : fmt::format("{:.1f} MB/s", per_second / 1e6);
-}
-
 // Keeps writing to a rate.
 class Pace {
  public:
@@ -118,7 +110,7 @@ int Report(const CommandLine& command, std::string_view verb, std::string_view n
            const std::function<Measurement()>& measure) {
   try {
     const Measurement result = measure();
-    command.Print("{} file '{}' at {}", verb, name, Rate(result.bytes, result.nanoseconds));
+    command.Print("{} file '{}' at {}", verb, name, TransferRate(result.bytes, result.nanoseconds));
     return 0;
   } catch (const lattix::ErrnoException& e) {
     command.Print("{}: {}", name, e.what());
@@ -129,6 +121,13 @@ int Report(const CommandLine& command, std::string_view verb, std::string_view n
 constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC;
 
 }  // namespace
+
+std::string TransferRate(int64_t bytes, int64_t nanoseconds) {
+  const double per_second =
+      static_cast<double>(bytes) * 1e9 / static_cast<double>(std::max<int64_t>(nanoseconds, 1));
+  return per_second < 1e6 ? fmt::format("{:.1f} kB/s", per_second / 1e3)
+                          : fmt::format("{:.1f} MB/s", per_second / 1e6);
+}
 
 int ReadPerf(const CommandLine& command) {
   if (command.argument_count() != 1) return command.Usage();

@@ -2,12 +2,13 @@
 //
 // The interface only; an implementation is given to whoever fetches
 // (lib/platform/url_fetch/curl_url_fetcher.h). What is fetched is held in memory, so every request
-// has a limit on its size.
+// has a limit on its size; what is larger goes to a receiver of its own.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -35,8 +36,12 @@ class UrlFetcher {
     // A body that is larger, compressed or not, ends the transfer with libcurl's
     // CURLE_FILESIZE_EXCEEDED, negated.
     size_t max_body = size_t{8} << 20;
+    // Gets the body of an answer that is a success, piece by piece on the caller's thread; the
+    // response then has none. Returning false ends the transfer with libcurl's CURLE_WRITE_ERROR,
+    // negated. Throws nothing.
+    std::function<bool(std::string_view)> on_body;
     std::chrono::milliseconds connect_limit = std::chrono::seconds(30);
-    // For the whole transfer, and for the time in which nothing at all arrives.
+    // For the whole transfer (0: no limit), and for the time in which nothing at all arrives.
     std::chrono::milliseconds time_limit = std::chrono::minutes(10);
     std::chrono::seconds stall_limit = std::chrono::seconds(60);
   };

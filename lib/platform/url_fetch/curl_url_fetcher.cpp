@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <new>
 
@@ -49,7 +50,8 @@ using List = std::unique_ptr<curl_slist, FreeList>;
 // In the order in which they must go: the easy handle leaves the multi handle first.
 struct Transfer {
   UrlFetcher::Response response;
-  size_t max_body = 0;
+  size_t room = 0;  // what the body may still grow by
+  const std::function<bool(std::string_view)>* on_body = nullptr;
   bool too_large = false;
   bool no_memory = false;
   char error[CURL_ERROR_SIZE] = "";
@@ -75,13 +77,16 @@ void Set(const Transfer& transfer, CURLoption option, Value value) {
 
 size_t OnBody(char* data, size_t, size_t size, void* user) {
   auto& transfer = *static_cast<Transfer*>(user);
-  std::string& body = transfer.response.body;
-  if (size > transfer.max_body - body.size()) {
+  if (size > transfer.room) {
     transfer.too_large = true;
     return CURL_WRITEFUNC_ERROR;
   }
+  transfer.room -= size;
+  if (*transfer.on_body) {
+    return (*transfer.on_body)({data, size}) ? size : CURL_WRITEFUNC_ERROR;
+  }
   try {
-    body.append(data, size);
+    transfer.response.body.append(data, size);
   } catch (const std::bad_alloc&) {
     transfer.no_memory = true;
     return CURL_WRITEFUNC_ERROR;
@@ -107,7 +112,8 @@ std::string Certificates() {
 }
 
 void Configure(Transfer& transfer, const UrlFetcher::Request& request) {
-  transfer.max_body = request.max_body;
+  transfer.room = request.max_body;
+  transfer.on_body = &request.on_body;
   Set(transfer, CURLOPT_ERRORBUFFER, transfer.error);
   Set(transfer, CURLOPT_NOSIGNAL, 1L);
   // A name server that does not answer must not hold up a cancellation.
