@@ -135,7 +135,7 @@ void SignalDispatcher::Impl::DispatchChild(const siginfo_t& info) {
 }
 
 void SignalDispatcher::Impl::Receive(const siginfo_t& info) {
-  Log(kReceivedMessage, info.si_signo);
+  LogUnlessBlocked(kReceivedMessage, info.si_signo);
   std::lock_guard lock(m_mutex);
   if (info.si_signo == SIGCHLD) {
     DispatchChild(info);

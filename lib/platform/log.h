@@ -22,6 +22,16 @@ void Log(fmt::format_string<Args...> format, Args&&... args) noexcept {
   LogFormatted(format, fmt::make_format_args(args...));
 }
 
+// As Log, but drops the message if it cannot get out at once, and goes past stdio, whose lock
+// belongs to a writer that a full pipe or a stopped terminal may hold up for ever. For the thread
+// that has to answer signals whatever the others are doing.
+void LogFormattedUnlessBlocked(fmt::string_view format, fmt::format_args args) noexcept;
+
+template <typename... Args>
+void LogUnlessBlocked(fmt::format_string<Args...> format, Args&&... args) noexcept {
+  LogFormattedUnlessBlocked(format, fmt::make_format_args(args...));
+}
+
 // To be called in a catch block: logs "Message '{}' threw '{}'\n" with the message and the text of
 // the exception being handled.
 void LogThrown(std::string_view message) noexcept;

@@ -92,7 +92,8 @@ TEST_F(PlayerTest, AStartThatFailsLeavesNoPidFile) {
   fs::remove(m_root / "dev/watchdog");
   Player player = WithoutTerminal();
   EXPECT_EQ(1000 + SIGABRT, player.Finish());
-  EXPECT_THAT(player.err, HasSubstr("No such file or directory"));
+  EXPECT_THAT(player.err,
+              HasSubstr("Unhandled exception: /dev/watchdog: No such file or directory\n"));
   EXPECT_FALSE(Exists("/var/run/orvex.pid"));
 }
 
@@ -178,6 +179,18 @@ TEST_F(PlayerTest, SigtermEndsThePlayerAtOnceWhateverItDoes) {
     EXPECT_EQ(kAudioMuted, AudioLines());
     EXPECT_FALSE(Exists("/var/run/orvex.pid"));
   }
+}
+
+TEST_F(PlayerTest, SigtermEndsAPlayerWhoseLogNobodyReads) {
+  Autorun(
+      "Sub Main()\n  d = CreateObject(\"koDeviceInfo\")\n  While True\n"
+      "    d.HasFeature(\"none\")\n  End While\nEnd Sub\n");
+  Player player = WithoutTerminal();
+  ASSERT_TRUE(player.ExpectErrorFull());
+  player.Signal(SIGTERM);
+  ASSERT_TRUE(player.EndsUnread());
+  EXPECT_EQ(43, player.Finish());
+  EXPECT_EQ(kAudioMuted, AudioLines());
 }
 
 TEST_F(PlayerTest, SigtermDuringTheStartIsNotLost) {

@@ -7,6 +7,7 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 // Generous, for a loaded machine under a sanitizer; nothing waits for it when all is well.
@@ -89,6 +91,26 @@ class ProgramRun {
   // stopped.
   bool Expect(const std::string& text) { return ExpectIn(out, &m_seen, text); }
   bool ExpectError(const std::string& text) { return ExpectIn(err, &m_error_seen, text); }
+
+  // Waits until standard error, which nobody reads meanwhile, is as good as full.
+  bool ExpectErrorFull() {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    const int capacity = ::fcntl(m_err, F_GETPIPE_SZ);
+    int waiting = 0;
+    while (std::chrono::steady_clock::now() < deadline && waiting < capacity / 16 * 15) {
+      if (::ioctl(m_err, FIONREAD, &waiting) != 0) return false;
+      std::this_thread::yield();
+    }
+    return waiting >= capacity / 16 * 15;
+  }
+  // Waits until the program has ended, without reading what it prints.
+  bool EndsUnread() {
+    pollfd process = {static_cast<int>(::syscall(SYS_pidfd_open, m_pid, 0)), POLLIN, 0};
+    constexpr std::chrono::milliseconds kMost = kPatience;
+    const bool ended = ::poll(&process, 1, static_cast<int>(kMost.count())) == 1;
+    ::close(process.fd);
+    return ended;
+  }
 
   // Reads both streams to their ends. The exit status, or 1000 + the signal that ended it.
   int Finish() {
