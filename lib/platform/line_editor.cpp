@@ -195,7 +195,7 @@ class LineEditorImpl final : public LineEditor {
 LineEditorImpl::LineEditorImpl(const char* prompt)
     : m_screen(fdopen(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "w"), std::fclose),
       m_prompt(prompt),
-      m_terminal(isatty(STDIN_FILENO) == 1) {
+      m_terminal(isatty(STDIN_FILENO) == 1 && isatty(STDOUT_FILENO) == 1) {
   if (m_screen == nullptr) m_screen = Stream(stdout, [](FILE*) { return 0; });
   termios found;
   const bool has_mode = tcgetattr(STDIN_FILENO, &found) == 0;
@@ -270,7 +270,8 @@ int LineEditorImpl::ReadKey(EditLine* editor, wchar_t* key) {
       if (self->m_outcome == Byte::kInterrupted) errno = EINTR;
       return -1;
     }
-    // Without a terminal nobody translates the line ends of a file that was written elsewhere.
+    // Nobody else translates the line ends of a file that was written elsewhere, or of a terminal in
+    // raw mode whose output goes to a file.
     if (byte == '\r' && !self->m_terminal) byte = '\n';
     if (decoder.Add(byte, key)) return 1;
   }
