@@ -5,6 +5,7 @@
 // tear-down is that of the declarations backwards; where it is not, the code says so. An exception
 // unwinds the same way before it ends the process.
 #include <ares.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,6 +50,15 @@ using lattix::Log;
 
 namespace {
 
+// A standard stream that is closed would be the number of the next file opened, a device or the
+// registry, and what is printed would go there.
+void OpenStandardStreams() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++) {
+    // The lowest free number is the one that was just found to be free.
+    if (::fcntl(fd, F_GETFD) < 0 && ::open("/dev/null", O_RDWR) < 0) return;
+  }
+}
+
 // Whoever shuts the system down leaves it, so that no player starts meanwhile.
 bool StoppingMarkerExists() {
   struct stat marker;
@@ -69,6 +79,22 @@ class Trace {
   ~Trace() { tracing::Stop(); }
   Trace(const Trace&) = delete;
   Trace& operator=(const Trace&) = delete;
+};
+
+// The monitor, if there is one, asks for the pressure as long as this exists.
+class PeriodicPoll {
+ public:
+  explicit PeriodicPoll(MemoryPressureMonitor* monitor) : m_monitor(monitor) {
+    if (m_monitor != nullptr) m_monitor->StartPeriodicPoll();
+  }
+  ~PeriodicPoll() {
+    if (m_monitor != nullptr) m_monitor->StopPeriodicPoll();
+  }
+  PeriodicPoll(const PeriodicPoll&) = delete;
+  PeriodicPoll& operator=(const PeriodicPoll&) = delete;
+
+ private:
+  MemoryPressureMonitor* m_monitor;
 };
 
 // The renderer's launcher is in its slot as long as this exists, unless the fast exit takes it.
@@ -127,15 +153,12 @@ int RunServices() {
   int status;
   {
     RendererLauncherInSlot renderer;
-    if (monitor != nullptr) {
-      monitor->AddListener(&pressure_client.emplace(renderer.launcher()));
-      monitor->StartPeriodicPoll();
-    }
+    if (monitor != nullptr) monitor->AddListener(&pressure_client.emplace(renderer.launcher()));
+    // Ends before the launcher, which the monitor tells.
+    const PeriodicPoll periodic_poll(monitor.get());
     OpenAudioLines();
     rtc_calibration = std::make_unique<RTCCalibrationDummyImpl>();
     status = RunShell();
-    // Before the launcher, which the monitor tells.
-    if (monitor != nullptr) monitor->StopPeriodicPoll();
   }
   rtc_calibration.reset();
   MuteAudioLines();
@@ -173,6 +196,7 @@ int RunSupervised() {
 }
 
 int RunPlayer() {
+  OpenStandardStreams();
   UseRegistryBus();
   StripPreload("jemalloc");
   ::setvbuf(stderr, nullptr, _IONBF, 0);

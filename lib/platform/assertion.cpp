@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <exception>
 
+#include "lib/platform/errno_exception.h"
 #include "lib/platform/log.h"
 
 namespace lattix {
@@ -36,9 +37,17 @@ void CheckPointer(const void* pointer) noexcept {
 }
 
 void TerminateHandler() noexcept {
-  if (std::current_exception()) {
-    const std::string text = CurrentExceptionText();
-    std::fprintf(stderr, "Unhandled exception: %s\n", text.c_str());
+  if (const std::exception_ptr current = std::current_exception()) {
+    try {
+      std::rethrow_exception(current);
+    } catch (const ErrnoException& e) {
+      // This is all that the log will tell, so it tells what could not be opened, too.
+      const char* separator = e.context().empty() ? "" : ": ";
+      std::fprintf(stderr, "Unhandled exception: %s%s%s\n", e.context().c_str(), separator,
+                   e.what());
+    } catch (...) {
+      std::fprintf(stderr, "Unhandled exception: %s\n", CurrentExceptionText().c_str());
+    }
   } else {
     std::fputs("Terminated without an exception\n", stderr);
   }
