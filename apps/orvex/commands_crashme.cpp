@@ -45,7 +45,7 @@ constexpr rlim_t kRootMemory = rlim_t{256} << 20;
 
 // Keeps the compiler from seeing what comes of the mistakes below.
 volatile uintptr_t g_null = 0;
-volatile size_t g_too_much = 4096;
+volatile size_t g_too_much = 256;
 
 [[noreturn]] void DieInstead(std::string_view device) {
   lattix::Log("crashme: a device {}; in a device root only the process ends\n", device);
@@ -75,11 +75,11 @@ void CrashThreads(const CommandLine& command) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// The guard between the array and the return address is compiled in for this function at least.
-__attribute__((noinline, stack_protect)) void SmashStack(const CommandLine&) {
-  char room[16];
-  char* volatile beyond = room;
-  std::memset(beyond, 'x', g_too_much);
+// This file is compiled with a guard between the arrays of a function and its return address.
+__attribute__((noinline)) void SmashStack(const CommandLine&) {
+  volatile char room[16];
+  volatile char* const beyond = room;
+  for (size_t i = 0; i < g_too_much; ++i) beyond[i] = 'x';
 }
 
 __attribute__((noinline)) size_t Deeper(size_t depth) {
