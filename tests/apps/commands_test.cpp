@@ -12,7 +12,7 @@
 
 #include "lib/hardware/device_secrets/key_files.h"
 #include "lib/platform/certificates/certificate_names.h"
-#include "tests/apps/program_run.h"
+#include "tests/apps/console_fixture.h"
 
 namespace {
 
@@ -21,56 +21,30 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char kPrompt[] = "Orvex(unsupervised)> ";
-
-class CommandsTest : public testing::Test {
+class CommandsTest : public ConsoleTest {
  protected:
   CommandsTest() {
-    ::signal(SIGPIPE, SIG_IGN);
-    std::string folder = testing::TempDir() + "commands-XXXXXX";
-    m_root = ::mkdtemp(folder.data());
-    EXPECT_EQ(0, std::system((DEVICE_ROOT_TOOL " '" + m_root.string() + "'").c_str()));
     Write("/etc/orvex/keys/unlock", UnlockFile("1234"));
     fs::permissions(m_root / "etc/orvex/keys/unlock", fs::perms::owner_read);
   }
-  ~CommandsTest() override { fs::remove_all(m_root); }
 
   void Start() {
-    player.emplace(ORVEX_PROGRAM, std::vector<std::string>{}, m_root, true,
-                   std::vector<std::string>{"ORVEX_ROOT=" + m_root.string()});
-    player->Expect(kPrompt);
+    ConsoleTest::Start();
     Ask("mfg 1234");
-  }
-  // What a command prints, up to the next prompt.
-  std::string Ask(const std::string& command) {
-    const size_t before = player->out.size();
-    player->Type(command + "\r");
-    player->Expect("\nOrvex(unsupervised)> ");
-    std::string text = player->out.substr(before);
-    std::erase(text, '\r');
-    text.erase(0, text.find('\n') + 1);
-    return text.substr(0, text.rfind(kPrompt));
   }
   void Expect(const std::vector<std::pair<std::string, std::string>>& rows) {
     for (const auto& [command, answer] : rows) EXPECT_EQ(Ask(command), answer + "\n") << command;
   }
-  int Exit() {
-    player->Type("exit\r");
-    return player->Finish();
-  }
   fs::path At(const std::string& path) const { return m_root.string() + path; }
   void Write(const std::string& path, const std::string& text) {
     fs::create_directories(At(path).parent_path());
-    std::ofstream(At(path), std::ios::binary) << text;
+    ConsoleTest::Write(path, text);
   }
   std::string Read(const std::string& path) const {
     std::ostringstream text;
     text << std::ifstream(At(path), std::ios::binary).rdbuf();
     return text.str();
   }
-
-  fs::path m_root;
-  std::optional<ProgramRun> player;
 };
 
 TEST_F(CommandsTest, TellWhatTheDeviceIs) {
