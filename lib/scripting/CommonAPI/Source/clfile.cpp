@@ -61,7 +61,7 @@ std::string FileInstanceData::ReadLine() {
   size_t matched = 0;  // bytes at the end of the line that may be the terminator's beginning
   while (line.size() - matched < kMaxLine) {
     const int byte = ::getc_unlocked(m_stream.get());
-    if (byte == EOF) return line;
+    if (byte == EOF) break;
     const char c = static_cast<char>(byte);
     line += c;
     if (m_receive_eol.empty()) continue;
