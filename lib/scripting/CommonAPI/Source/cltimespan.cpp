@@ -26,9 +26,9 @@ int32_t TimespanInstance::TotalSeconds() const {
   return Limited((MonotonicMilliseconds() - m_mark) / 1000);
 }
 
-// "2024-03-05T07:08:09", with a fraction, which does not count, and a zone, which does. The
-// extended format without its separators is the basic one, which CascadeTime reads; there a text
-// without zone is local, here it is UTC.
+// "2024-03-05T07:08:09", with a fraction and a zone where there is one. The extended format without
+// its separators is the basic one, which CascadeTime reads; there a text without zone is local,
+// here it is UTC. The calendar is longer than a time base is, so the count is in milliseconds.
 int32_t TimespanInstance::GetSecondsToISO8601Date(psText date) const {
   constexpr std::string_view kShape = "dddd-dd-ddTdd:dd:dd";
   std::string basic;
@@ -40,12 +40,9 @@ int32_t TimespanInstance::GetSecondsToISO8601Date(psText date) const {
   }
   basic += date.substr(kShape.size());
   const auto [utc, offset] = CascadeTime::ReadIsoString(basic);
-  const auto time = CascadeTime::FromUtc(utc);
-  if (!time) throw std::runtime_error("Time is out of range");
-  const int64_t left =
-      (time->nanoseconds - CascadeTime::ReadPresentTimeBase().nanoseconds) / 1'000'000'000 -
-      offset.value_or(0);
-  return Limited(left);
+  const int64_t seconds = CascadeTime::ToSecondsSinceEpoch(utc).value() - offset.value_or(0);
+  const int64_t now = CascadeTime::ReadPresentTimeBase().nanoseconds / 1'000'000;
+  return Limited((seconds * 1000 + utc.millisecond - now) / 1000);
 }
 
 namespace {
