@@ -205,7 +205,7 @@ int RunPlayer() {
   }
   Log("Orvex application tarsk-{} starting\n", lattix::FirmwareVersionText());
   lattix::ConfigureSignals(lattix::kBlockSignals);
-  for (const int ignored : {SIGPIPE, SIGTTIN, SIGTTOU}) ::signal(ignored, SIG_IGN);
+  for (const int ignored : {SIGPIPE, SIGXFSZ, SIGTTIN, SIGTTOU}) ::signal(ignored, SIG_IGN);
   SetUpConsoleTerminal();
   if (::setvbuf(stdout, nullptr, _IONBF, 0) != 0) {
     ::perror("setvbuf");

@@ -205,7 +205,8 @@ void TakeSignals() {
     if (::sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
     ::sigaction(signal, &action, nullptr);
   }
-  ::signal(SIGPIPE, SIG_IGN);  // told by EPIPE instead
+  // Told by EPIPE and EFBIG instead.
+  for (const int signal : {SIGPIPE, SIGXFSZ}) ::signal(signal, SIG_IGN);
 }
 
 void BeginSession() { g_session = true; }
