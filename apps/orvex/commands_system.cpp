@@ -287,6 +287,7 @@ int PtpStatus(const CommandLine& command) {
     command.Print("PTP status: {}", "disabled");
     return 0;
   }
+  // The machine's clock, which a file's times are on: a device root's own may be far from it.
   timespec now = {};
   ::clock_gettime(CLOCK_REALTIME, &now);
   command.Print("PTP status: {}", lattix::ReadSystemLine(kPtpStatusPath));

@@ -20,6 +20,7 @@
 #include <new>
 
 #include "lib/platform/assertion.h"
+#include "lib/platform/cascade_time.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/firmware_version.h"
 #include "lib/platform/http_reason.h"
@@ -176,7 +177,8 @@ int64_t RetryAfter(const Transfer& transfer) {
     const time_t then = curl_getdate(std::string(value).c_str(), nullptr);
     if (then < 0) return 0;
     const time_t sent = curl_getdate(std::string(HeaderOf(transfer, "Date")).c_str(), nullptr);
-    seconds = then - (sent >= 0 ? sent : ::time(nullptr));
+    const int64_t now = CascadeTime::ReadPresentTimeBase().nanoseconds / 1'000'000'000;
+    seconds = then - (sent >= 0 ? sent : now);
   }
   return std::clamp<int64_t>(seconds, 0, kMaxRetryAfter);
 }
