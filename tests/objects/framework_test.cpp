@@ -85,7 +85,8 @@ constexpr psInterface kGaugeInterfaces[] = {
 constinit pscClass GaugeInstance::sm_class = KelvoClass<GaugeInstance>("koGauge", kGaugeInterfaces);
 
 // No constructor arguments, no mixins, no failure reason; shared state of the class.
-class PlainInstance final : public KelvoObjectInstance<PlainInstance> {
+class PlainInstance final
+    : public MixinForwarder<PlainInstance, KelvoObjectInstance<PlainInstance>> {
  public:
   static pscClass sm_class;
   static inline int classes = 0;
@@ -102,7 +103,8 @@ constexpr psInterface kPlainInterfaces[] = {{"ifPlain", kPlainFunctions}};
 constinit pscClass PlainInstance::sm_class = KelvoClass<PlainInstance>("koPlain", kPlainInterfaces);
 
 // Any number of arguments; holds what it is given.
-class HolderInstance final : public KelvoObjectInstanceV<HolderInstance> {
+class HolderInstance final
+    : public MixinForwarder<HolderInstance, KelvoObjectInstanceV<HolderInstance>> {
  public:
   static pscClass sm_class;
   bool Init(std::vector<KelvoTypedValue> args) {

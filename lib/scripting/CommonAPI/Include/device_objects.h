@@ -10,7 +10,8 @@
 #include "lib/platform/kernel_log.h"
 #include "lib/scripting/CommonAPI/Include/interface_mixins.h"
 
-class DeviceInfoInstance final : public KelvoObjectInstance<DeviceInfoInstance> {
+class DeviceInfoInstance final
+    : public MixinForwarder<DeviceInfoInstance, KelvoObjectInstance<DeviceInfoInstance>> {
  public:
   static pscClass sm_class;  // koDeviceInfo
 

@@ -84,13 +84,6 @@ class KelvoObjectInstanceBase {
   void EnumOwnReferences(const KelvoReferenceVisitor&) const {}
   void BreakOwnReferences() {}
 
-  // What MixinForwarder redefines.
-  void EnumMixinReferences(const KelvoReferenceVisitor&) const {}
-  void BreakMixinReferences() {}
-  static constexpr bool kMixinsHoldReferences = false;
-  // The name of the first mixin interface that the table lacks; empty when all are there.
-  static constexpr std::string_view MissingInterface(std::span<const psInterface>) { return {}; }
-
  protected:
   KelvoObjectInstanceBase() = default;
   ~KelvoObjectInstanceBase() = default;
@@ -133,20 +126,22 @@ concept HasInterface = requires {
 
 }  // namespace ko_class
 
-// T's base, then its mixins (interface_mixins.h) in order. A mixin is a default-constructible class
-// that brings state, methods and, as kInterface<T>, the interface row for T's table. One that holds
-// references has EnumReferences and BreakReferences.
+// What T derives from: its base, then its mixins (interface_mixins.h) in order, if any. A mixin is
+// a default-constructible class that brings state, methods and, as kInterface<T>, the interface row
+// for T's table. One that holds references has EnumReferences and BreakReferences.
 template <class T, class Base, class... Mixins>
 class MixinForwarder : public Base, public Mixins... {
  public:
   static constexpr bool kMixinsHoldReferences = (ko_class::HoldsReferences<Mixins> || ...);
 
-  void EnumMixinReferences(const KelvoReferenceVisitor& visit) const {
+  void EnumMixinReferences([[maybe_unused]] const KelvoReferenceVisitor& visit) const {
     (EnumOf<Mixins>(visit), ...);
   }
   void BreakMixinReferences() { (BreakOf<Mixins>(), ...); }
 
-  static constexpr std::string_view MissingInterface(std::span<const psInterface> table) {
+  // The name of the last mixin interface that the table lacks; empty when all are there.
+  static constexpr std::string_view MissingInterface(
+      [[maybe_unused]] std::span<const psInterface> table) {
     std::string_view missing;
     (FindMissing<Mixins>(table, &missing), ...);
     return missing;

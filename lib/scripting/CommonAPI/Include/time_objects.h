@@ -26,7 +26,8 @@ struct KelvoIfDuration {
 // included.
 std::optional<CascadeTime::DateStruct> KelvoDateOf(pscInstance* object);
 
-class DateTimeInstance final : public KelvoObjectInstance<DateTimeInstance> {
+class DateTimeInstance final
+    : public MixinForwarder<DateTimeInstance, KelvoObjectInstance<DateTimeInstance>> {
  public:
   static pscClass sm_class;  // koDateTime
 
@@ -163,7 +164,8 @@ class TimerInstance final
 };
 
 // A stopwatch on the monotonic clock.
-class TimespanInstance final : public KelvoObjectInstance<TimespanInstance> {
+class TimespanInstance final
+    : public MixinForwarder<TimespanInstance, KelvoObjectInstance<TimespanInstance>> {
  public:
   static pscClass sm_class;  // koTimespan
 
@@ -180,7 +182,8 @@ class TimespanInstance final : public KelvoObjectInstance<TimespanInstance> {
 
 // A signed length of time. It stops at the ends of its range, which no sum of a script's numbers
 // reaches in a life.
-class DurationInstance final : public KelvoObjectInstance<DurationInstance> {
+class DurationInstance final
+    : public MixinForwarder<DurationInstance, KelvoObjectInstance<DurationInstance>> {
  public:
   static pscClass sm_class;  // koDuration
 
