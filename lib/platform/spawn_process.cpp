@@ -241,6 +241,9 @@ void ConnectStreams(const SpawnPlan& plan) {
   }
   if (plan.directory && chdir(plan.directory) != 0) FailChild("chdir");
   lattix::ConfigureSignals(lattix::kUnblockSignals);
+  // What this process ignores stays ignored across exec, and a pipeline's first program would then
+  // complain of its reader's end instead of ending quietly.
+  for (int ignored : {SIGPIPE, SIGXFSZ}) signal(ignored, SIG_DFL);
   execvp(plan.argv[0], plan.argv.data());
   _exit(kChildFailedStatus);
 }
