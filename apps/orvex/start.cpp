@@ -5,6 +5,7 @@
 // presentation: that is how a developer's machine tries a presentation out.
 #include <signal.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -45,7 +46,8 @@ bool EndsWithPresentation() {
   return !IsTerminal() || (once != nullptr && *once != '\0');
 }
 
-// Ends the player by SIGINT where there is no console whose line the signal would belong to.
+// Ends the player by SIGINT where there is no console whose line the signal would belong to: beside
+// a supervisor, and without a terminal.
 class EndOnInterrupt final : public lattix::SignalObserver {
  public:
   EndOnInterrupt() { lattix::SignalDispatcher::GetInstance().Attach(SIGINT, this); }
@@ -91,8 +93,12 @@ std::optional<int> OrvexShell::RunSupervised() {
   std::string script;
   if (!mapper.TryMap(name, &script)) return std::nullopt;
   script = lattix::DevicePath(script);
-  if (::access(script.c_str(), F_OK) != 0) return std::nullopt;
+  struct stat file;
+  if (::stat(script.c_str(), &file) != 0 || S_ISDIR(file.st_mode)) return std::nullopt;
   try {
+    // On a device nobody sits in front of a supervisor.
+    std::optional<EndOnInterrupt> end_on_interrupt;
+    if (lattix::InDeviceRoot()) end_on_interrupt.emplace();
     Bootstrap bootstrap(Bootstrap::ReadOptions(script));
     struct Running {
       OrvexShell& shell;

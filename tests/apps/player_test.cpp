@@ -249,6 +249,15 @@ TEST_F(PlayerTest, ASupervisorThatEndsEndsThePlayer) {
   EXPECT_EQ(42, player.Finish());
 }
 
+TEST_F(PlayerTest, SigintEndsASupervisedPlayerInOrder) {
+  Write("/storage/sys/bootstrap.js", "setInterval(() => {}, 1000); console.log('up')\n");
+  Player player = WithoutTerminal();
+  ASSERT_TRUE(player.Expect("up"));
+  player.Signal(SIGINT);
+  EXPECT_EQ(130, player.Finish());
+  EXPECT_THAT(player.err, HasSubstr("Orvex application tarsk-9.0.0 exit\n"));
+}
+
 // --- The presentation's end -------------------------------------------------------------------
 
 TEST_F(PlayerTest, WithoutATerminalThePlayerEndsWithTheScriptsResult) {
