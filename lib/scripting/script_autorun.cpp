@@ -146,6 +146,7 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
   struct Outcome {
     ScriptResult result = ScriptInterpreter::kNormal;
     bool offered_debugger = false;
+    bool debugged = false;
 
     bool IsError() const {
       return result >= ScriptInterpreter::kLoadError && result <= ScriptInterpreter::kFileError;
@@ -181,7 +182,7 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
 
   bool WaitForOverrideRecoveryDownload(NetworkRecovery& recovery);
   void MoveToPeriodicMode(NetworkRecovery& recovery);
-  Step CheckForOverride(NetworkRecovery& recovery);
+  Step CheckForOverride(NetworkRecovery& recovery, bool* start_over);
   Step RunAutoruns(int storage_index, NetworkRecovery& recovery);
   Step RunPeriodicRecovery();
   Step LastResortRecovery(int reason, NetworkRecovery& recovery);
@@ -372,8 +373,10 @@ AutoScriptInvoker::ScriptResult AutoScriptInvokerImpl::Invoke() {
     return Discover();
   } catch (const lattix::ErrnoException& error) {
     Log("Unable to look for autoruns: {}: {}\n", error.context(), error.what());
-    return ScriptInterpreter::kRuntimeError;
+  } catch (const std::exception& error) {
+    Log("Unable to look for autoruns: {}\n", error.what());
   }
+  return ScriptInterpreter::kRuntimeError;
 }
 
 AutoScriptInvoker::ScriptResult AutoScriptInvokerImpl::Discover() {
@@ -402,13 +405,16 @@ AutoScriptInvoker::ScriptResult AutoScriptInvokerImpl::Discover() {
     } else {
       Trace("autorun_storage_index={}\n", storage_index);
       // The server is waited for once: a script that restarts must not stand still for it.
-      if (first && recovery.IsPossible()) end = CheckForOverride(recovery);
-      if (!end) {
+      bool start_over = false;
+      if (first && recovery.IsPossible()) end = CheckForOverride(recovery, &start_over);
+      if (!end && !start_over) {
         if (recovery.IsPossible()) MoveToPeriodicMode(recovery);
         end = RunAutoruns(storage_index, recovery);
       }
     }
     if (end) return *end;  // with the recovery, whose thread ends
+    // Nothing is asked for between the passes: what the next one runs is an answer to itself.
+    recovery.SetMode(RecoveryMode::kDisabled);
   }
 }
 
@@ -607,6 +613,7 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::strin
     m_current = nullptr;
   }
   outcome.offered_debugger = interpreter->WasOfferedDebugger();
+  outcome.debugged = interpreter->WasDebugged();
   if (outcome.IsError() && !Bail()) {
     // The console has a runtime error already.
     if (outcome.result != ScriptInterpreter::kRuntimeError) interpreter->PrintErrors();
@@ -629,7 +636,7 @@ void AutoScriptInvokerImpl::Report(const Outcome& outcome, const std::string& er
                      : ScriptFailure::Kind::kLoadError;
   failure.error = error;
   failure.script = script;
-  failure.for_debugger = outcome.offered_debugger || m_options.first_run_only;
+  failure.for_debugger = outcome.debugged || m_options.first_run_only;
   MaybeReportErrorToNetwork(m_fetcher, m_recovery_url, m_options.user_agent,
                             FilenameMapper::GetInstance(), failure, m_crash_dump, StopToken());
 }
@@ -655,7 +662,9 @@ bool AutoScriptInvokerImpl::OperatorDebugs(const Outcome& outcome) {
 
 // --- Recovery ---------------------------------------------------------------------------------
 
-AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::CheckForOverride(NetworkRecovery& recovery) {
+// *start_over when the override has asked for a restart: the storages are then not what they were.
+AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::CheckForOverride(NetworkRecovery& recovery,
+                                                                    bool* start_over) {
   Log("Checking for network recovery override.\n");
   const bool found = WaitForOverrideRecoveryDownload(recovery);
   if (Bail()) {
@@ -669,7 +678,7 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::CheckForOverride(NetworkRecov
   const Outcome outcome = RunScript(std::string(kRecoveryScript), {}, Kind::kRecovery);
   if (Bail()) return ScriptInterpreter::kNormal;
   if (outcome.result == ScriptInterpreter::kRestartScript) {
-    m_storages.Scan(FilenameMapper::GetInstance());
+    *start_over = true;
     return {};
   }
   if (!outcome.IsError()) return outcome.result;

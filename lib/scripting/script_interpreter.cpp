@@ -107,6 +107,7 @@ class ScriptInterpreterImpl final : public ScriptInterpreter,
   const std::vector<std::string>& GetErrors() const override { return m_errors; }
   void PrintErrors() override;
   bool WasOfferedDebugger() const override { return m_offered_debugger; }
+  bool WasDebugged() const override { return m_debugged; }
 
  private:
   class Attached;
@@ -152,6 +153,7 @@ class ScriptInterpreterImpl final : public ScriptInterpreter,
   std::vector<std::string> m_errors;
   std::optional<ScriptRequest> m_request;
   bool m_offered_debugger = false;
+  bool m_debugged = false;
   bool m_interactive = false;
 
   static std::mutex sm_lock;
@@ -271,6 +273,7 @@ ScriptInterpreter::ScriptResult ScriptInterpreterImpl::Run(
   m_errors.clear();
   m_request.reset();
   m_offered_debugger = false;
+  m_debugged = false;
   // The runtime has one domain, and a domain one script.
   if (sm_running.exchange(true)) return Fail(kRuntimeError, "Another script is running");
   struct NotRunning {
@@ -401,6 +404,7 @@ psStatus ScriptInterpreterImpl::OnRuntimeError(psProc* p) {
 // The console is the debugger's until the script goes on.
 psStatus ScriptInterpreterImpl::EnterDebugger(psProc* p) {
   const lattix::ConsoleHold hold;
+  m_debugged = true;
   m_in_debugger = true;
   const psStatus status = m_debugger_shell(p);
   m_in_debugger = false;

@@ -70,6 +70,8 @@ class ScriptInterpreter {
 
   // Whether an operator has used the debugger, or been asked whether to, in the last run.
   virtual bool WasOfferedDebugger() const = 0;
+  // Whether the debugger has been entered in the last run.
+  virtual bool WasDebugged() const = 0;
 };
 
 struct ScriptInterpreterOptions {

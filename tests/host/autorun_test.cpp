@@ -362,6 +362,17 @@ TEST_F(InvokerTest, AnOverrideRunsInsteadOfTheAutorun) {
   EXPECT_TRUE(log.Has("Override recovery script failed.\n"));
 }
 
+TEST_F(InvokerTest, AnOverrideMayTakeTheAutorunAway) {
+  Script("sd/autorun.plm", "sub main()\nprint \"not me\"\nend sub\n");
+  Script("sys/default-autorun.plm", kPrints);
+  Recovery([](const auto&) {
+    return TestFetcher::Status(
+        200, "sub main()\nDeleteFile(\"SD:/autorun.plm\")\nRestartScript()\nend sub\n");
+  });
+  EXPECT_EQ(Invoke(), Result::kNormal);
+  EXPECT_EQ(console.text(), "ran\n");
+}
+
 TEST_F(InvokerTest, WithoutAnOverrideTheAutorunRuns) {
   Script("sd/autorun.plm", kPrints);
   Recovery([](const auto&) { return TestFetcher::Status(404); });
@@ -419,6 +430,40 @@ TEST_F(InvokerTest, WithoutAnyStorageTheServerIsAsked) {
   EXPECT_TRUE(log.Has("WaitForStorages fall back to network recovery (no storage)\n"));
   EXPECT_TRUE(log.Has("No autorun. Forcing recovery.\nBegin last resort recovery due to 3\n"));
   EXPECT_TRUE(console.text().ends_with("ran\n"));
+}
+
+TEST_F(InvokerTest, EveryLastResortAsksTheServerAnew) {
+  int asked = 0;
+  Recovery([&](const auto&) {
+    return TestFetcher::Status(
+        200, ++asked == 1 ? "sub main()\nprint \"first\"\nRestartScript()\nend sub\n" : kPrints);
+  });
+  Logged log;
+  EXPECT_EQ(Invoke(), Result::kNormal);
+  EXPECT_EQ(asked, 2);
+  EXPECT_TRUE(console.text().ends_with("ran\n"));
+}
+
+TEST_F(InvokerTest, AFailureThatNobodyDebugsIsReported) {
+  Settings(R"({"networking": {"recovery_url": "http://localhost/"},
+               "plumscript": {"interruptible": "1"}})");
+  fetcher.emplace([](const UrlFetcher::Request& request) {
+    return TestFetcher::Status(request.post_body ? 200 : 404);
+  });
+  options.fetcher = &*fetcher;
+  TestConsole readable(std::deque<std::string>{});
+  options.console = readable.io();
+  Script("sd/autorun.plm", kFails);
+  Script("tmp/recover2.plm", kPrints);
+  const auto invoker = CreateAutoScriptInvoker(options);
+  std::thread stop([&] {
+    EXPECT_TRUE(splash.Await("Attempting Network Recovery\n"));
+    invoker->Stop();
+  });
+  invoker->Invoke();
+  stop.join();
+  const auto requests = fetcher->requests();
+  EXPECT_TRUE(std::ranges::any_of(requests, [](auto& r) { return r.post_body.has_value(); }));
 }
 
 TEST_F(InvokerTest, AnAutorunThatComesMeanwhileIsBetterThanRecovery) {
