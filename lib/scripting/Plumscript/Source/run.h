@@ -93,7 +93,7 @@ constexpr int kPsMaxRunDepth = 50;
 // The process-wide instruction counter, read by watchdogs. Written by the interpreter only.
 extern std::atomic<uint32_t> psInstructionCounter;
 
-// --- Interpreter (run_main.cpp) ---------------------------------------------------------------
+// --- Interpreter (run_main.cpp, run_loop.cpp) --------------------------------------------------
 
 psStatus ExecSub(psProc* p, psFunction* function, psTypedValue* args, int n, pscInstance* m,
                  psTypedValue* result);
