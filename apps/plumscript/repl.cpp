@@ -1,6 +1,6 @@
 // repl: statements are compiled onto the end of an empty Main, whose one frame lives until the end
-// of input, and run there. A statement that only lacks its end is kept until more lines complete
-// it.
+// of input, and run there; a sub or function with a name becomes one of Main's module. What only
+// lacks its end is kept until more lines complete it.
 #include <algorithm>
 #include <string_view>
 
@@ -8,6 +8,7 @@
 #include "apps/plumscript/host.h"
 #include "apps/plumscript/line_reader.h"
 #include "apps/plumscript/output.h"
+#include "hash.h"
 
 namespace {
 
@@ -40,6 +41,14 @@ bool LacksItsEnd(std::string_view statement, const psCompileErrors& errors) {
          std::all_of(errors.begin(), errors.end(), [literal](const psCompileError& e) {
            return e.code == kPsBlockNotTerminated || (literal && e.code == kPsSyntaxError);
          });
+}
+
+// Whether it begins with SUB or FUNCTION: no statement does.
+bool IsDefinition(std::string_view statement) {
+  statement.remove_prefix(std::min(statement.find_first_not_of(" \t\n:"), statement.size()));
+  const size_t end = statement.find_first_of(" \t\n(:'");
+  const std::string_view word = statement.substr(0, end);
+  return hashEqualFold(word, "sub") || hashEqualFold(word, "function");
 }
 
 void RunStatement(Host& host, uint32_t start) {
@@ -86,6 +95,14 @@ int ReadAndRun(Host& host, LineReader& reader) {
 
     statement += line;
     statement += '\n';
+    if (IsDefinition(statement)) {
+      errors = LiveDefine(statement, p->mod, p->domain);
+      if (LacksItsEnd(statement, errors)) continue;
+      host.PrintCompileErrors(errors);
+      errors.clear();
+      statement.clear();
+      continue;
+    }
     uint32_t start = 0;
     const psLiveMark mark = LiveMark(p->mod, p->ctx->sub);
     errors = LiveCompile(statement, p->mod, p->ctx->sub, &start, p->domain);

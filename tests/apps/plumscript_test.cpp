@@ -295,6 +295,26 @@ TEST_F(PlumscriptTest, PipedStatementsShareOneFrame) {
                                  HasSubstr("Syntax Error. (compile error &h02) in $LIVECOMPILE(")));
 }
 
+TEST_F(PlumscriptTest, ReplDefinesSubsAndFunctions) {
+  const Outcome outcome = Run({"repl"},
+                              "Function Fact(n)\n  if n < 2 then return 1\n"
+                              "  return n * Fact(n - 1)\nEnd Function\n"
+                              "x = 3\nsub show(n) : print Fact(n); : end sub\n"
+                              "show(x) : f = fact\n"
+                              // A definition that does not compile leaves the one before.
+                              "function fact(n)\nreturn n +\nend function\n"
+                              "show(x)\n"
+                              "function fact(n)\nreturn -n\nend function\n"
+                              "function fact(n) : g = function() : return 100 : end function\n"
+                              "return n + g()\nend function\n"
+                              "show(x) : print f(x); fact(x); x\n"
+                              "sub main()\nend sub\n"
+                              "show(x)\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, " 6 6 103 103 103 3\n 103");
+  EXPECT_THAT(outcome.err, AllOf(HasSubstr("(compile error &h02)"), HasSubstr("&had")));
+}
+
 TEST_F(PlumscriptTest, ReplTellsOfABlockThatNeverEnds) {
   const Outcome outcome = Run({"repl"}, "while true\nprint 1\n");
   EXPECT_EQ(outcome.status, 0);

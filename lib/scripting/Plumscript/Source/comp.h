@@ -58,6 +58,12 @@ void compFree(psParser* parser);
 psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction* function,
                             uint32_t* start, pscDomain* domain);
 
+// Adds a text's functions to a module that may be running. One with the name of a function that is
+// there already takes its place, also in calls that were compiled before; frames of the old one go
+// on running it, and its memory is the module's until the end. The main function stays as it is
+// (error 173). On errors the module is unchanged.
+psCompileErrors LiveDefine(std::string_view text, psModule* module, pscDomain* domain);
+
 // Takes back what a LiveCompile appended, once it has run: a function has room for so many labels
 // and so much code, and a session of any number of statements in one of them must not use it up.
 // The mark is taken before the LiveCompile; frames of the function, inner and outer ones, stand before

@@ -182,6 +182,8 @@ struct psParser {
   int nesting = 0;
   int library_depth = 0;
   int library_files = 0;
+  // A function with a lower index may be defined anew, the module's main one apart.
+  int redefinable_below = 0;
   std::vector<psReference> references;
   std::deque<psIdent> idents;
   std::vector<psIdent*> ident_table;  // open addressing, a power of two; at most half full
@@ -311,6 +313,8 @@ psStatus MatchVariableAssignment(psParser* p, const psID& id, int* index);
 // Behind the word FUNCTION: an anonymous function. *index is the new function's.
 psStatus MatchAnonymousFunction(psParser* p, int* index);
 psStatus MatchStatements(psParser* p, unsigned end_words);
+// Functions up to the end of the text. 184: it begins with something else.
+psStatus MatchFunctions(psParser* p);
 psStatus MatchProgram(psParser* p);
 psStatus MatchFinish(psParser* p);
 // Records an error and skips the rest of the line. 255: compile on.

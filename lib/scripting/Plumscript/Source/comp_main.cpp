@@ -675,6 +675,10 @@ psStatus MatchParameters(psParser* p, uint32_t default_type) {
   return kPsOkay;
 }
 
+bool mayRedefine(const psParser* p, const psFunction* function) {
+  return function->index < p->redefinable_below && function != p->module->main_function;
+}
+
 // Behind the words SUB or FUNCTION, up to and including the end of the header's line.
 psStatus MatchSubDeclarationLine1(psParser* p, uint32_t default_type, bool anonymous) {
   if (anonymous) {
@@ -684,8 +688,11 @@ psStatus MatchSubDeclarationLine1(psParser* p, uint32_t default_type, bool anony
   } else {
     psID id;
     if (!lexGetID(p, &id, false, false)) return kPsSyntaxError;
-    if (hashFindHashed(p->module->function_table, id.text(), id.hash)) return kPsDefinedTwice;
+    const void* found = hashFindHashed(p->module->function_table, id.text(), id.hash);
+    psFunction* earlier = found != nullptr ? *static_cast<psFunction* const*>(found) : nullptr;
+    if (earlier != nullptr && !mayRedefine(p, earlier)) return kPsDefinedTwice;
     p->sp.sub = modNewSub(p->module, id.text(), nullptr);
+    if (earlier != nullptr) earlier->newer = p->sp.sub;
   }
   const psStatus err = MatchParameters(p, default_type);
   return err == kPsOkay ? lineEnd(p) : err;
@@ -737,21 +744,14 @@ psStatus MatchOneFunction(psParser* p) {
   return err;
 }
 
-psStatus MatchFunctions(psParser* p) {
+psStatus MatchLibraries(psParser* p) {
   psStatus err;
   do {
     if (SkipBlankLines(p) == kPsInternalLimit) return kPsInternalLimit;
     err = lexMatchWord(p, "library");
     if (err == kPsOkay) err = MatchLIBRARY(p);
   } while (err == kPsOkay);
-  if (err != kPsNoMatch) return err;
-  for (bool first = true;; first = false) {
-    if (SkipBlankLines(p) == kPsInternalLimit) return kPsInternalLimit;
-    if (lexPeek(p) == '\0') return kPsOkay;
-    err = MatchOneFunction(p);
-    if (err == kPsNoMatch && !first) return kPsSyntaxError;
-    if (err != kPsOkay) return err;
-  }
+  return err;
 }
 
 void beginOldStyleModule(psParser* p) {
@@ -800,8 +800,19 @@ psStatus MatchAnonymousFunction(psParser* p, int* index) {
   return err;
 }
 
+psStatus MatchFunctions(psParser* p) {
+  for (bool first = true;; first = false) {
+    if (SkipBlankLines(p) == kPsInternalLimit) return kPsInternalLimit;
+    if (lexPeek(p) == '\0') return kPsOkay;
+    const psStatus err = MatchOneFunction(p);
+    if (err == kPsNoMatch && !first) return kPsSyntaxError;
+    if (err != kPsOkay) return err;
+  }
+}
+
 psStatus MatchProgram(psParser* p) {
-  psStatus err = MatchFunctions(p);
+  psStatus err = MatchLibraries(p);
+  if (err == kPsNoMatch) err = MatchFunctions(p);
   if (err == kPsNoMatch) err = MatchOldStyleModule(p);
   if (err == kPsOkay) {
     return p->errors.empty() ? static_cast<psStatus>(kPsOkay)

@@ -101,7 +101,11 @@ void modLink(psModule* module) {
   for (const std::string& text : module->string_list) module->strings.push_back(&text);
   for (const psName& name : module->name_list) module->names.push_back(&name);
   for (psFunction& function : module->function_list) {
-    module->functions.push_back(&function);
+    // A chain of definitions is gone through once: the next time it is one step.
+    while (function.newer != nullptr && function.newer->newer != nullptr) {
+      function.newer = function.newer->newer;
+    }
+    module->functions.push_back(function.newer != nullptr ? function.newer : &function);
     function.variable_count = static_cast<uint32_t>(function.variables.size());
     function.label_positions.clear();
     for (const psLabel& label : function.labels) function.label_positions.push_back(label.pc);

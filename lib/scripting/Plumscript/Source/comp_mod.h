@@ -43,6 +43,7 @@ struct psFunction {
   uint32_t variable_count = 0;           // filled by modLink
   std::vector<psLabel> labels;
   psFunction* parent = nullptr;  // of an anonymous function: the one whose text contains it
+  psFunction* newer = nullptr;   // what calls of this one lead to since it was defined anew
   psModule* module = nullptr;
   // The interpreter's decoded forms, newest range last; owned, dropped by subFree.
   psDecodedCode* decoded = nullptr;

@@ -128,7 +128,7 @@ psStatus MatchLIBRARY(psParser* p) {
 
 namespace {
 
-// The module and the function as they were; constants and names may stay.
+// The module and the function (null: none) as they were; constants and names may stay.
 struct LiveUndo {
   size_t code;
   size_t lines;
@@ -138,18 +138,30 @@ struct LiveUndo {
 };
 
 LiveUndo liveUndo(const psModule* module, const psFunction* function) {
-  return {function->code.size(), module->lines.size(), module->function_list.size(),
-          function->variables.size(), function->labels.size()};
+  LiveUndo undo = {};
+  undo.lines = module->lines.size();
+  undo.functions = module->function_list.size();
+  if (function != nullptr) {
+    undo.code = function->code.size();
+    undo.variables = function->variables.size();
+    undo.labels = function->labels.size();
+  }
+  return undo;
 }
 
 void undoLive(psModule* module, psFunction* function, const LiveUndo& undo) {
   while (module->lines.size() > undo.lines) module->lines.pop_back();
+  for (psFunction& function_before : module->function_list) {
+    psFunction*& newer = function_before.newer;
+    if (newer != nullptr && newer->index >= static_cast<int>(undo.functions)) newer = nullptr;
+  }
   while (module->function_list.size() > undo.functions) {
     psFunction* added = &module->function_list.back();
     hashRemove(module->function_table, added->name);
     subFree(added);
     module->function_list.pop_back();
   }
+  if (function == nullptr) return;
   function->code.resize(undo.code);
   function->variables.resize(undo.variables);
   function->labels.resize(undo.labels);
@@ -162,12 +174,16 @@ const std::string* liveFileName(psModule* module) {
   return modAddFileName(module, kPsLiveFileName);
 }
 
+void beginLive(psParser* p, const char* text) {
+  const psModule* module = p->module;
+  const int32_t line = module->lines.empty() ? 1 : module->lines.back().line_num + 1;
+  lexInit(p, text, line, liveFileName(p->module));
+}
+
 // Appends the text's code to a copy of the function's; the copy takes the code's place when the
 // text has compiled. References, which are in the new code only, are resolved there.
 void compileLive(psParser* p, const char* text, psFunction* function) {
-  psModule* module = p->module;
-  const int32_t line = module->lines.empty() ? 1 : module->lines.back().line_num + 1;
-  lexInit(p, text, line, liveFileName(module));
+  beginLive(p, text);
   p->sp.sub = function;
   p->sp.parent = function->parent;
   p->sp.code.bytes = function->code;
@@ -185,10 +201,22 @@ void compileLive(psParser* p, const char* text, psFunction* function) {
   mpResolveReferences(p);
 }
 
-}  // namespace
+void defineLive(psParser* p, const char* text) {
+  beginLive(p, text);
+  p->redefinable_below = static_cast<int>(p->module->function_list.size());
+  const psStatus err = required(MatchFunctions(p));
+  if (err != kPsOkay) {
+    AddError(p, err);
+  } else if (p->errors.empty()) {
+    mpResolveReferences(p);
+  }
+}
 
-psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction* function,
-                            uint32_t* start, pscDomain* domain) {
+// What compile(parser, text) makes of the text becomes the module's, or nothing of it does.
+// function is the one that it appends to, or null.
+template <class Compile>
+psCompileErrors addLive(std::string_view text, psModule* module, psFunction* function,
+                        pscDomain* domain, Compile compile) {
   const LiveUndo undo = liveUndo(module, function);
   psCompileErrors errors;
   try {
@@ -197,12 +225,11 @@ psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction*
     p.domain = domain;
     if (text.size() > kPsMaxSourceBytes) throw std::bad_alloc();
     const std::string copy(text.substr(0, text.find('\0')));
-    compileLive(&p, copy.c_str(), function);
+    compile(&p, copy.c_str());
     errors = std::move(p.errors);
     if (errors.empty()) {
       lexFinishLineData(module);
       modLink(module);
-      *start = static_cast<uint32_t>(undo.code);
       return errors;
     }
   } catch (const std::bad_alloc&) {
@@ -212,6 +239,22 @@ psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction*
   }
   undoLive(module, function, undo);
   return errors;
+}
+
+}  // namespace
+
+psCompileErrors LiveCompile(std::string_view text, psModule* module, psFunction* function,
+                            uint32_t* start, pscDomain* domain) {
+  const auto before = static_cast<uint32_t>(function->code.size());
+  psCompileErrors errors =
+      addLive(text, module, function, domain,
+              [function](psParser* p, const char* source) { compileLive(p, source, function); });
+  if (errors.empty()) *start = before;
+  return errors;
+}
+
+psCompileErrors LiveDefine(std::string_view text, psModule* module, pscDomain* domain) {
+  return addLive(text, module, nullptr, domain, defineLive);
 }
 
 psLiveMark LiveMark(const psModule* module, const psFunction* function) {
