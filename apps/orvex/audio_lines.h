@@ -4,7 +4,7 @@
 #include <string>
 
 // Drives one line to a level, as an output. Which GPIO it is, the device tree says; both functions
-// throw std::exception when it does not, or when the GPIO cannot be driven.
+// throw std::exception when it does not, or when the GPIO cannot be driven. Any thread.
 void DriveBoardLine(const std::string& device_tree_property, bool level);
 
 // Both lines as they are while the player runs, and as it leaves them. In this order the amplifier

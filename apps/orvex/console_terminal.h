@@ -1,6 +1,8 @@
 // The terminal on standard input, between the player's start and its end.
 #pragma once
 
+// Both are for the main thread, while nobody reads the console.
+
 // Raw input, a byte at a time, without echo, but with Ctrl-C as a signal; output keeps turning LF
 // into CR LF. Nothing happens when standard input is no terminal.
 void SetUpConsoleTerminal();

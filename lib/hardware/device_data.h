@@ -4,6 +4,9 @@
 // keys. A key is made of capital letters, digits and underscores; a value is any text without
 // control characters. Lines that are no such pair are skipped, a NUL ends the text, and of two
 // values of one key the later one counts.
+//
+// An object is a copy of the data, for one thread at a time; several may be read and written at
+// once, as the file is replaced whole.
 #pragma once
 
 #include <string>

@@ -23,6 +23,7 @@ struct AutorunArchive {
 //
 // Prints "Extracting autorun.zip.\n", "Looking for autozip.plm within zip file\n" and which script
 // it found; the error is the caller's to print. Blocks for as long as the extraction takes; a stop
-// request ends it ("Cancelled"). Throws nothing but std::bad_alloc.
+// request ends it ("Cancelled"). Throws nothing but std::bad_alloc. One extraction at a time, on
+// any thread.
 AutorunArchive ExtractAutorunArchive(const FilenameMapper& mapper, const std::string& name,
                                      std::stop_token stop = {});

@@ -27,7 +27,7 @@ bool HasCrashDump();
 // Prints the report's local lines, and posts it to the recovery server if there is one (url not
 // empty); prints what came of it. `with_crash_dump` is HasCrashDump() at the start of the run.
 // Blocks until the server has answered, a minute at most, or a stop is requested. Throws nothing
-// but std::bad_alloc.
+// but std::bad_alloc. Any thread.
 void MaybeReportErrorToNetwork(UrlFetcher& fetcher, const std::string& url,
                                const std::string& user_agent, const FilenameMapper& mapper,
                                const ScriptFailure& failure, bool with_crash_dump,

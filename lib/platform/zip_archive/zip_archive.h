@@ -5,6 +5,9 @@
 // target ("..", absolute, a drive letter or a backslash), a name twice, a link or device, more than
 // the limits allow, or anything encrypted in another way than AES. What a file's data expands to is
 // measured again while it is written, whatever the directory said.
+//
+// An archive is for one thread at a time. Failures are ZipArchive::Error, and
+// lattix::ErrnoException for the target folder's file system.
 #pragma once
 
 #include <cstdint>

@@ -6,6 +6,8 @@
 //
 // Every text, of any bytes, either compiles or gives errors: recursive constructs are bounded
 // (kPsMaxNesting), and so are libraries that name libraries (kPsMaxLibraryDepth).
+//
+// A module is compiled by one thread; the one that runs it, when it is running.
 #pragma once
 
 #include <cstdint>
@@ -66,8 +68,8 @@ psCompileErrors LiveDefine(std::string_view text, psModule* module, pscDomain* d
 
 // Takes back what a LiveCompile appended, once it has run: a function has room for so many labels
 // and so much code, and a session of any number of statements in one of them must not use it up.
-// The mark is taken before the LiveCompile; frames of the function, inner and outer ones, stand before
-// the appended code. Variables, constants and anonymous functions stay.
+// The mark is taken before the LiveCompile; frames of the function, inner and outer ones, stand
+// before the appended code. Variables, constants and anonymous functions stay.
 struct psLiveMark {
   size_t code;
   size_t labels;

@@ -1,5 +1,5 @@
 // What the debugger's two files share: the listings that are both commands and parts of the stop
-// report, and the actions that are more than a listing.
+// report, and the actions that are more than a listing. All are for the thread of the script.
 #pragma once
 
 #include "run.h"
