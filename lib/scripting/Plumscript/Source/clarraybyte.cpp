@@ -13,6 +13,7 @@
 #include <new>
 #include <string>
 
+#include "container_tables.h"
 #include "containers.h"
 #include "hooks.h"
 #include "ps_heap.h"
@@ -532,34 +533,18 @@ constexpr fundes kByteArrayFunctions[] = {
     psMethod<IsLittleEndianCPU>("IsLittleEndianCPU"),
     {},
 };
-constexpr fundes kArrayFunctions[] = {
-    psMethod<Peek>("Peek"),       psMethod<Pop>("Pop"),
-    psMethod<Push>("Push"),       psMethod<Shift>("Shift"),
-    psMethod<Unshift>("Unshift"), psMethod<Delete>("Delete"),
-    psMethod<Count>("Count"),     psMethod<Clear>("Clear"),
-    psMethod<Append>("Append"),   {},
-};
 constexpr fundes kArrayGetFunctions[] = {psMethod<GetEntry>("GetEntry"), {}};
 constexpr fundes kArraySetFunctions[] = {psMethod<SetEntry>("SetEntry"), {}};
-constexpr fundes kEnumFunctions[] = {
-    psMethod<Reset>("Reset"),
-    psMethod<Next>("Next"),
-    psMethod<IsNext>("IsNext"),
-    psMethod<IsEmpty>("IsEmpty"),
-    {},
-};
 
-constexpr psIfArray kArrayMethods = {Peek, Pop, Push, Shift, Unshift, Delete, Count, Clear, Append};
 constexpr psIfArrayGet kArrayGetMethods = {GetEntry};
 constexpr psIfArraySet kArraySetMethods = {SetEntry};
-constexpr psIfEnum kEnumMethods = {Reset, Next, IsNext, IsEmpty};
 
 constexpr psInterface kInterfaces[] = {
     {"ifByteArray", kByteArrayFunctions},
-    {"ifArray", kArrayFunctions, &kArrayMethods},
+    psArrayTables<Peek, Pop, Push, Shift, Unshift, Delete, Count, Clear, Append>::kInterface,
     {"ifArrayGet", kArrayGetFunctions, &kArrayGetMethods},
     {"ifArraySet", kArraySetFunctions, &kArraySetMethods},
-    {"ifEnum", kEnumFunctions, &kEnumMethods},
+    psEnumTables<Reset, Next, IsNext, IsEmpty>::kInterface,
 };
 
 bool init(pscInstance* self) {

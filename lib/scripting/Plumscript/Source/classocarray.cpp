@@ -29,6 +29,7 @@
 #include <cstring>
 #include <new>
 
+#include "container_tables.h"
 #include "containers.h"
 #include "ps_heap.h"
 #include "ps_native.h"
@@ -602,23 +603,15 @@ constexpr fundes kAssociativeArrayFunctions[] = {
     psMethod<FastLookup>("FastLookup"), psMethod<LookupCi>("LookupCi"),
     psMethod<Append>("Append"),         {},
 };
-constexpr fundes kEnumFunctions[] = {
-    psMethod<Reset>("Reset"),
-    psMethod<Next>("Next"),
-    psMethod<IsNext>("IsNext"),
-    psMethod<IsEmpty>("IsEmpty"),
-    {},
-};
 
 constexpr psIfAssociativeArray kAssociativeArrayMethods = {
     Lookup,     AddReplace, DoesExist, Delete, Clear, SetModeCaseSensitive,
     FastLookup, LookupCi,   Append,
 };
-constexpr psIfEnum kEnumMethods = {Reset, Next, IsNext, IsEmpty};
 
 constexpr psInterface kInterfaces[] = {
     {"ifAssociativeArray", kAssociativeArrayFunctions, &kAssociativeArrayMethods},
-    {"ifEnum", kEnumFunctions, &kEnumMethods},
+    psEnumTables<Reset, Next, IsNext, IsEmpty>::kInterface,
 };
 
 bool init(pscInstance* self) {

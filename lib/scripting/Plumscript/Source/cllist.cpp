@@ -12,6 +12,7 @@
 
 #include <new>
 
+#include "container_tables.h"
 #include "containers.h"
 #include "ps_heap.h"
 #include "ps_native.h"
@@ -335,34 +336,18 @@ constexpr fundes kListFunctions[] = {
     psMethod<ResetIndex>("ResetIndex"), psMethod<Count>("Count"),
     psMethod<Clear>("Clear"),           {},
 };
-constexpr fundes kEnumFunctions[] = {
-    psMethod<Reset>("Reset"),
-    psMethod<Next>("Next"),
-    psMethod<IsNext>("IsNext"),
-    psMethod<IsEmpty>("IsEmpty"),
-    {},
-};
-constexpr fundes kArrayFunctions[] = {
-    psMethod<GetTail>("Peek"),    psMethod<RemoveTail>("Pop"),
-    psMethod<AddTail>("Push"),    psMethod<RemoveHead>("Shift"),
-    psMethod<AddHead>("Unshift"), psMethod<Delete>("Delete"),
-    psMethod<Count>("Count"),     psMethod<Clear>("Clear"),
-    psMethod<Append>("Append"),   {},
-};
 constexpr fundes kArrayGetFunctions[] = {psMethod<GetEntry>("GetEntry"), {}};
 constexpr fundes kArraySetFunctions[] = {psMethod<SetEntry>("SetEntry"), {}};
 
 constexpr psIfList kListMethods = {GetHead, GetTail, RemoveHead, RemoveTail, AddHead, AddTail};
-constexpr psIfEnum kEnumMethods = {Reset, Next, IsNext, IsEmpty};
-constexpr psIfArray kArrayMethods = {GetTail, RemoveTail, AddTail, RemoveHead, AddHead,
-                                     Delete,  Count,      Clear,   Append};
 constexpr psIfArrayGet kArrayGetMethods = {GetEntry};
 constexpr psIfArraySet kArraySetMethods = {SetEntry};
 
 constexpr psInterface kInterfaces[] = {
     {"ifList", kListFunctions, &kListMethods},
-    {"ifEnum", kEnumFunctions, &kEnumMethods},
-    {"ifArray", kArrayFunctions, &kArrayMethods},
+    psEnumTables<Reset, Next, IsNext, IsEmpty>::kInterface,
+    psArrayTables<GetTail, RemoveTail, AddTail, RemoveHead, AddHead, Delete, Count, Clear,
+                  Append>::kInterface,
     {"ifArrayGet", kArrayGetFunctions, &kArrayGetMethods},
     {"ifArraySet", kArraySetFunctions, &kArraySetMethods},
 };
