@@ -79,6 +79,12 @@ void EndConsoleInput() {
   ownership.m_changed.notify_all();
 }
 
+bool IsConsoleRead() {
+  ConsoleOwnership& ownership = ConsoleOwnership::Get();
+  std::lock_guard lock(ownership.m_mutex);
+  return ownership.m_active != nullptr;
+}
+
 bool IsConsoleClaimed() {
   ConsoleOwnership& ownership = ConsoleOwnership::Get();
   std::lock_guard lock(ownership.m_mutex);

@@ -24,6 +24,9 @@ namespace lattix {
 // From now on every reader of the console, the waiting ones too, finds the end of input.
 void EndConsoleInput();
 
+// Whether a line or a byte is being read: a SIGINT belongs to that reader.
+bool IsConsoleRead();
+
 // --- Those who take what nobody else wants ----------------------------------------------------
 
 // Whether somebody has claimed the console, or its input has been ended.

@@ -24,6 +24,7 @@
 #include <cwchar>
 #include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "lib/platform/always_magic.h"
@@ -107,7 +108,9 @@ class Utf8Decoder {
       *code_point = static_cast<wchar_t>(m_code);
       return true;
     }
-    m_missing = 0;  // a sequence that does not go on is dropped
+    // A sequence that does not go on is dropped, and a zero byte in it with it.
+    const bool broken = std::exchange(m_missing, 0) > 0;
+    if (byte == 0 && broken) return false;
     if (byte < 0x80) {
       *code_point = byte;
       return true;
@@ -199,10 +202,9 @@ LineEditorImpl::LineEditorImpl(const char* prompt)
   if (m_screen == nullptr) m_screen = Stream(stdout, [](FILE*) { return 0; });
   termios found;
   const bool has_mode = tcgetattr(STDIN_FILENO, &found) == 0;
-  {
-    const Utf8Locale locale;
-    m_editor = el_init("orvex", stdin, m_screen.get(), stderr);
-  }
+  // What the library binds to the letters of Latin-1, inserting them or a command, is decided here.
+  const Utf8Locale locale;
+  m_editor = el_init("orvex", stdin, m_screen.get(), stderr);
   if (m_editor == nullptr) throw std::bad_alloc();
   el_set(m_editor, EL_CLIENTDATA, this);
   el_set(m_editor, EL_PROMPT, &LineEditorImpl::Prompt);

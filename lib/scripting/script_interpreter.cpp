@@ -125,10 +125,12 @@ class ScriptInterpreterImpl final : public ScriptInterpreter,
   bool WaitForDebugChoice();
 
   void OnScriptRequest(ScriptRequest request) override;
-  // At the debugger's prompt it abandons the line.
+  // At the debugger's prompt it abandons the line; statements that were typed there, it breaks.
   void OnSignal(const siginfo_t&) override {
-    if (!m_in_debugger) AsyncInterrupt(InterruptDisposition::kBreak);
+    if (m_in_debugger && lattix::IsConsoleRead()) return;
+    AsyncInterrupt(InterruptDisposition::kBreak);
   }
+  void ForgetInterrupts();
 
   ScriptResult Fail(ScriptResult result, std::string error);
   std::optional<ScriptResult> Load(const std::string& file, const std::string& hash_source);
@@ -337,8 +339,7 @@ std::optional<ScriptInterpreter::ScriptResult> ScriptInterpreterImpl::Load(
 
 ScriptInterpreter::ScriptResult ScriptInterpreterImpl::RunMain(
     std::span<const char* const> arguments) {
-  uint64_t drained;  // an interrupt that was meant for an earlier run
-  if (::read(m_interrupt.Get(), &drained, sizeof(drained)) < 0) drained = 0;
+  ForgetInterrupts();  // they were meant for an earlier run
   auto* const before = std::exchange(m_session->shell, DebugShellWrapper);
   bool normal;
   {
@@ -408,7 +409,13 @@ psStatus ScriptInterpreterImpl::EnterDebugger(psProc* p) {
   m_in_debugger = true;
   const psStatus status = m_debugger_shell(p);
   m_in_debugger = false;
+  ForgetInterrupts();  // what they broke has stopped, and the operator has chosen
   return status;
+}
+
+void ScriptInterpreterImpl::ForgetInterrupts() {
+  uint64_t drained;
+  if (::read(m_interrupt.Get(), &drained, sizeof(drained)) < 0) return;
 }
 
 bool ScriptInterpreterImpl::WaitForDebugChoice() {

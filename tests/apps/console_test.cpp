@@ -103,6 +103,15 @@ TEST_F(ConsoleTest, AnInterruptStopsALongOutputAndTheTypedLine) {
   player->Expect("reboot");
   player->Type("\x03");
   player->Expect(kPrompt);
+  player->Type("script\r");
+  player->Expect("Debugger> ");
+  player->Type("print 6 * 7:while true:end while\r");
+  player->Expect("42\r\r\n");
+  player->Type("\x03");
+  player->Expect("BREAK (runtime error &hf8)");
+  player->Expect("Debugger> ");
+  player->Type("exit\r");
+  player->Expect(kPrompt);
   EXPECT_EQ(Ask("hash \\\r'md5' nope:/"), "> 'md5' nope:/\nnope:/: Invalid drive specifier.\n\n");
   EXPECT_THAT(Ask("\x10"), HasSubstr("nope:/: Invalid drive specifier."));
   EXPECT_EQ(42, Exit());

@@ -166,6 +166,8 @@ TEST(LineEditor, EditsRecallsAndContinuesCommands) {
   screen.WaitFor("<>");
   screen.Type("bd\x1b[D\x1b[Dy\x05\x08z\r");  // cursor keys, end of line, backspace
   screen.WaitFor("<ybz>");
+  screen.Type("\xC3\xA9t\xC3\xA9 x\x1b" "by\r");  // letters whose codes are meta keys; Meta-B
+  screen.WaitFor("<\xC3\xA9t\xC3\xA9|yx>");
   screen.Type("one \\\r");
   screen.WaitFor("> ");
   screen.Type("\"two\r");
@@ -175,7 +177,7 @@ TEST(LineEditor, EditsRecallsAndContinuesCommands) {
   screen.WaitFor("Orvex> ");
   screen.Type("\x10\r");  // one entry of the history holds the whole command
   screen.WaitFor("<one|two\r\nthree|four>");
-  screen.Type("\x10\x10\x10\r");
+  screen.Type("\x10\x10\x10\x10\r");
   screen.WaitFor("<ybz>");
   screen.Type("exit\r");
   screen.WaitFor("ended");
