@@ -1,5 +1,8 @@
 #include "apps/orvex/command_files.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <exception>
 
@@ -24,6 +27,24 @@ lattix::UniqueFd OpenArgument(const CommandLine& command, std::string_view name,
   if (!MapArgument(command, name, &path)) return {};
   lattix::UniqueFd fd = OpenBeneathDrive(path, flags, mode);
   if (!fd) PrintFileError(command, name, errno);
+  return fd;
+}
+
+// Two names may be one file: by a link, or by letter case. So it is emptied only when it is known.
+lattix::UniqueFd CreateBeside(const CommandLine& command, std::string_view name, int source) {
+  lattix::UniqueFd fd = OpenArgument(command, name, O_WRONLY | O_CREAT);
+  if (!fd) return fd;
+  struct stat from = {};
+  struct stat to = {};
+  if (fstat(source, &from) == 0 && fstat(fd.Get(), &to) == 0 && from.st_dev == to.st_dev &&
+      from.st_ino == to.st_ino) {
+    command.Print("{}: the same file", name);
+    return {};
+  }
+  if (S_ISREG(to.st_mode) && ftruncate(fd.Get(), 0) != 0) {
+    PrintFileError(command, name, errno);
+    return {};
+  }
   return fd;
 }
 

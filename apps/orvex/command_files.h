@@ -17,6 +17,10 @@ bool MapArgument(const CommandLine& command, std::string_view name, std::string*
 lattix::UniqueFd OpenArgument(const CommandLine& command, std::string_view name, int flags,
                               mode_t mode = 0666);
 
+// Opens what the name stands for to be written anew, unless that is the file at the descriptor,
+// which stays as it is; invalid, and the reason printed, as above.
+lattix::UniqueFd CreateBeside(const CommandLine& command, std::string_view name, int source);
+
 // "NAME: TEXT", for the error number.
 void PrintFileError(const CommandLine& command, std::string_view name, int error);
 

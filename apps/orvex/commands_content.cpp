@@ -16,7 +16,6 @@
 #include "apps/orvex/media_probe.h"
 #include "lib/platform/digest/file_digest.h"
 #include "lib/platform/errno_exception.h"
-#include "lib/scripting/filename_mapper.h"
 
 namespace commands {
 
@@ -87,19 +86,13 @@ int Analyze(const CommandLine& command) {
   const std::string_view to = command.argument(2);
   const lattix::UniqueFd in = OpenArgument(command, from, O_RDONLY);
   if (!in) return 1;
-  std::string source, destination;
-  if (FilenameMapper::GetInstance().TryMap(from, &source) &&
-      FilenameMapper::GetInstance().TryMap(to, &destination) && source == destination) {
-    command.Print("{}: the same file", to);
-    return 1;
-  }
   const MediaProbe probe = AnalyzeMedia(in.Get(), [&] { return output.IsInterrupted(); });
   output.Check();
   if (probe.outcome != MediaProbe::Outcome::kRecognised) {
     command.Print("{}: {}", from, probe.text);
     return 1;
   }
-  const lattix::UniqueFd out = OpenArgument(command, to, O_WRONLY | O_CREAT | O_TRUNC);
+  const lattix::UniqueFd out = CreateBeside(command, to, in.Get());
   if (!out) return 1;
   WriteAll(out.Get(), probe.text);
   return 0;

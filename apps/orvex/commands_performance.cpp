@@ -118,8 +118,6 @@ int Report(const CommandLine& command, std::string_view verb, std::string_view n
   }
 }
 
-constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC;
-
 }  // namespace
 
 std::string TransferRate(int64_t bytes, int64_t nanoseconds) {
@@ -142,7 +140,7 @@ int WritePerf(const CommandLine& command) {
   if (command.argument_count() != 1) return command.Usage();
   const InterruptibleOutput output(command.shell);
   const std::string_view name = command.argument(1);
-  const lattix::UniqueFd fd = OpenArgument(command, name, kCreate);
+  const lattix::UniqueFd fd = OpenArgument(command, name, O_WRONLY | O_CREAT | O_TRUNC);
   if (!fd) return 1;
   return Report(command, "Wrote", name, [&] { return WriteTest(fd.Get(), kTestFile, 0, output); });
 }
@@ -165,14 +163,8 @@ int ReadWritePerf(const CommandLine& command) {
   if (!in) return 1;
   struct stat source = {};
   fstat(in.Get(), &source);
-  const lattix::UniqueFd out = OpenArgument(command, to, kCreate);
+  const lattix::UniqueFd out = CreateBeside(command, to, in.Get());
   if (!out) return 1;
-  struct stat destination = {};
-  fstat(out.Get(), &destination);
-  if (source.st_dev == destination.st_dev && source.st_ino == destination.st_ino) {
-    command.Print("{}: the same file", to);
-    return 1;
-  }
 
   int read_result = 1;
   std::exception_ptr interrupted;

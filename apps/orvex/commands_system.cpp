@@ -131,14 +131,16 @@ int Exit(const CommandLine& command) {
   return 0;
 }
 
+// Every form of it, `script debug` too, first ends what runs: the change counts for the next run.
 int Script(const CommandLine& command) {
+  const bool ended = command.orvex.EndPlayback();
   const size_t count = command.argument_count();
   if (count > 0 && command.argument(1) == "debug") return ScriptDebug(command);
   if (count > 0 && command.argument(1).empty()) {
     command.Print("Invalid argument. Try \"help script\"");
     return 1;
   }
-  if (!command.orvex.EndPlayback()) {
+  if (!ended) {
     command.Print("The running script does not end.");
     return 1;
   }

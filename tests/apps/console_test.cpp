@@ -75,6 +75,8 @@ TEST_F(ConsoleTest, CommandsAnswer) {
       {"cd ../..", "../..: no such directory\n\n"},
       {"hash sha1 ../a.txt", "a9993e364706816aba3e25717850c26c9cd0d89d\n\n"},
       {"hash besha1 ../a.txt", "363e99a96a81064771253eba6cc250789dd8d09c\n\n"},
+      {"rwperf ../a.txt sd:/a.txt", "sd:/a.txt: the same file\n\n"},
+      {"hash md5 sd:/a.txt", "900150983cd24fb0d6963f7d28e17f72\n\n"},
       {"delete sd:/d/link sd:/d", "\n"},
       {"dir sd:/", "a.txt\n\n"},
       {"licenses show ../x", "Invalid package name\n\n"},
