@@ -62,8 +62,7 @@ void RunScript(const CommandLine& command, const std::string& file, int argc,
         PowerManager::GetInstance().Reboot(RebootReason::kRequested);
         return;
       case ScriptInterpreter::kFileError: command.Print("Script not found."); return;
-      case ScriptInterpreter::kLoadError: interpreter->PrintErrors(); return;
-      default: return;
+      default: interpreter->PrintErrors(); return;
     }
   }
 }

@@ -615,8 +615,7 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::strin
   outcome.offered_debugger = interpreter->WasOfferedDebugger();
   outcome.debugged = interpreter->WasDebugged();
   if (outcome.IsError() && !Bail()) {
-    // The console has a runtime error already.
-    if (outcome.result != ScriptInterpreter::kRuntimeError) interpreter->PrintErrors();
+    interpreter->PrintErrors();
     const std::vector<std::string>& errors = interpreter->GetErrors();
     if (!errors.empty()) Report(outcome, errors.front(), script);
   }

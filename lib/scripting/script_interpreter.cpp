@@ -156,6 +156,7 @@ class ScriptInterpreterImpl final : public ScriptInterpreter,
   std::optional<ScriptRequest> m_request;
   bool m_offered_debugger = false;
   bool m_debugged = false;
+  bool m_told = false;  // the console has had the error
   bool m_interactive = false;
 
   static std::mutex sm_lock;
@@ -276,6 +277,7 @@ ScriptInterpreter::ScriptResult ScriptInterpreterImpl::Run(
   m_request.reset();
   m_offered_debugger = false;
   m_debugged = false;
+  m_told = false;
   // The runtime has one domain, and a domain one script.
   if (sm_running.exchange(true)) return Fail(kRuntimeError, "Another script is running");
   struct NotRunning {
@@ -369,6 +371,7 @@ psStatus ScriptInterpreterImpl::OnRuntimeError(psProc* p) {
   const std::string text = scriptGetRuntimeErrorText(p);
   io_flush(m_console);
   if (m_stopped || m_request) return kPsNormalEnd;
+  m_told = true;
   if (m_interactive) return EnterDebugger(p);
   if (status == kPsBreak) {
     Log("Script interrupted via Ctrl-C\n");
@@ -434,7 +437,7 @@ bool ScriptInterpreterImpl::WaitForDebugChoice() {
 }
 
 void ScriptInterpreterImpl::PrintErrors() {
-  if (m_errors.empty()) return;
+  if (m_errors.empty() || m_told) return;
   if (m_errors.size() == 1) {
     io_write(m_console, "Error: " + m_errors.front() + "\n");
   } else {

@@ -66,6 +66,7 @@ class ScriptInterpreter {
   // What went wrong in the last run, in the order it was found; a line each, without line ends.
   virtual const std::vector<std::string>& GetErrors() const = 0;
   // To the console: "Errors during load:\n" and a line "  {}\n" each, or "Error: {}\n" for one.
+  // Nothing when the console had them during the run, as the errors of a script that has begun.
   virtual void PrintErrors() = 0;
 
   // Whether an operator has used the debugger, or been asked whether to, in the last run.

@@ -45,6 +45,7 @@ TEST_F(ConsoleTest, TheListingAndTheHelpOfEveryCommand) {
 
 TEST_F(ConsoleTest, CommandsAnswer) {
   Write("/storage/sd/a.txt", "abc");
+  Write("/storage/sd/b.plm", "Sub Other()\nEnd Sub\n");
   fs::create_directories(m_root / "storage/sd/d/e");
   fs::create_directory_symlink("/etc", m_root / "storage/sd/d/link");
   Start();
@@ -78,10 +79,12 @@ TEST_F(ConsoleTest, CommandsAnswer) {
       {"rwperf ../a.txt sd:/a.txt", "sd:/a.txt: the same file\n\n"},
       {"hash md5 sd:/a.txt", "900150983cd24fb0d6963f7d28e17f72\n\n"},
       {"delete sd:/d/link sd:/d", "\n"},
-      {"dir sd:/", "a.txt\n\n"},
+      {"delete sd:/a.txt", "\n"},
+      {"dir sd:/", "b.plm\n\n"},
       {"licenses show ../x", "Invalid package name\n\n"},
       {"licences show none", "Package not available\n\n"},
       {"script sd:/none.plm", "Script not found.\n\n"},
+      {"script sd:/b.plm", "Error: No Sub Main()\n\n"},
       {"script debug maybe", "Invalid argument to \"script debug\". Try \"help script\"\n\n"},
   };
   for (const auto& row : rows) {
