@@ -1,6 +1,7 @@
 // The player itself: ending it, its clock, its versions, its log, scripts that the operator starts.
 #include "apps/orvex/commands_system.h"
 
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <charconv>
@@ -9,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "apps/orvex/console_terminal.h"
 #include "apps/orvex/exit_status.h"
 #include "apps/orvex/interruptible_output.h"
 #include "apps/orvex/orvex_shell.h"
@@ -16,6 +18,7 @@
 #include "lib/hardware/device_secrets.h"
 #include "lib/hardware/hardware_config.h"
 #include "lib/hardware/power_manager.h"
+#include "lib/platform/async_signals.h"
 #include "lib/platform/cascade_time.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/firmware_version.h"
@@ -41,6 +44,20 @@ std::string JoinedFrom(const CommandLine& command, size_t first) {
   return text;
 }
 
+// Ends the run when the operator's terminal vanishes: nobody could break it any more.
+class EndOnHangUp final : public lattix::SignalObserver {
+ public:
+  explicit EndOnHangUp(ScriptInterpreter& interpreter) : m_interpreter(interpreter) {
+    lattix::SignalDispatcher::GetInstance().Attach(SIGHUP, this);
+  }
+  ~EndOnHangUp() { lattix::SignalDispatcher::GetInstance().Detach(SIGHUP, this); }
+
+  void OnSignal(const siginfo_t&) override { m_interpreter.Stop(); }
+
+ private:
+  ScriptInterpreter& m_interpreter;
+};
+
 // Runs a script until it asks for something other than to be run again.
 void RunScript(const CommandLine& command, const std::string& file, int argc,
                const char* const* argv) {
@@ -50,6 +67,7 @@ void RunScript(const CommandLine& command, const std::string& file, int argc,
   options.interruptible = true;
   for (;;) {
     const auto interpreter = CreateScriptInterpreter(options);
+    const EndOnHangUp end_on_hang_up(*interpreter);
     switch (interpreter->Run(file, "", argc, argv, nullptr)) {
       case ScriptInterpreter::kRestartScript:
         command.Print("Script requested the script be restarted.");
@@ -302,6 +320,7 @@ int SystemShell(const CommandLine& command) {
     return 1;
   }
   SpawnProcess shell("/bin/sh", {"-c", JoinedFrom(command, 1)});
+  const ProgramTerminal terminal;
   shell.Execute(SpawnProcess::kForeground);
   const int status = shell.Wait();
   if (status != 0) command.Print("Exit status: {}", status);

@@ -2,7 +2,6 @@
 // have been started by an init system that never set the line up.
 #include "apps/orvex/console_terminal.h"
 
-#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,4 +45,16 @@ void RestoreConsoleTerminal() {
   if (::tcsetattr(STDIN_FILENO, TCSADRAIN, &terminal) != 0) {
     Log("Failed to configure serial port: {}\n", ErrorText(errno));
   }
+}
+
+ProgramTerminal::ProgramTerminal() : m_terminal(::tcgetattr(STDIN_FILENO, &m_before) == 0) {
+  if (!m_terminal) return;
+  termios lines = m_before;
+  lines.c_iflag |= ICRNL;
+  lines.c_lflag |= ICANON | ECHO | ECHOE | IEXTEN;
+  ::tcsetattr(STDIN_FILENO, TCSADRAIN, &lines);
+}
+
+ProgramTerminal::~ProgramTerminal() {
+  if (m_terminal) ::tcsetattr(STDIN_FILENO, TCSADRAIN, &m_before);
 }
