@@ -62,23 +62,6 @@ void RemoveTree(int parent, const char* name, const InterruptibleOutput& output,
   if (unlinkat(parent, name, AT_REMOVEDIR) != 0) throw lattix::ErrnoException(errno, name);
 }
 
-// The path without "." and ".." and empty components, between slashes; it has been found to stay
-// below the root.
-std::string Normalised(std::string_view directory) {
-  std::string path = "/";
-  while (!directory.empty()) {
-    const size_t end = directory.find('/');
-    const std::string_view component = directory.substr(0, end);
-    directory.remove_prefix(end == directory.npos ? directory.size() : end + 1);
-    if (component == "..") {
-      path.erase(path.rfind('/', path.size() - 2) + 1);
-    } else if (!component.empty() && component != ".") {
-      path.append(component) += '/';
-    }
-  }
-  return path;
-}
-
 bool IsBootFile(std::string_view name) {
   return std::find(std::begin(kBootFiles), std::end(kBootFiles), name) != std::end(kBootFiles);
 }
@@ -145,16 +128,7 @@ int ChangeDirectory(const CommandLine& command) {
     command.Print("{}: no such directory", command.argument(1));
     return 1;
   }
-  // As an absolute name without detours, so that it reads well and names resolved against it do.
-  FilenameCracker cracked = FilenameCracker::CrackDirectory(folder);
-  std::string drive = cracked.GetDrive();
-  std::string directory = cracked.GetDirectory();
-  if (drive.empty()) {
-    const FilenameCracker current = mapper.GetCurrentDirectory();
-    drive = current.GetDrive();
-    if (!directory.starts_with('/')) directory = current.GetDirectory() + "/" + directory;
-  }
-  mapper.SetCurrentDirectory(drive + ":" + Normalised(directory));
+  mapper.SetCurrentDirectory(folder);
   return 0;
 }
 

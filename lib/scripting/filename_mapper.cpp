@@ -189,15 +189,18 @@ FilenameCracker FilenameMapper::GetCurrentDirectory() const {
 }
 
 void FilenameMapper::SetCurrentDirectory(std::string_view name) {
-  FilenameCracker next = FilenameCracker::CrackDirectory(name);
+  const FilenameCracker next = FilenameCracker::CrackDirectory(name);
+  std::string drive = next.GetDrive();
+  std::string directory;
   std::lock_guard guard(m_lock);
-  if (next.GetDrive().empty()) {
-    std::string absolute = m_current.GetDrive() + ":";
-    if (!next.GetDirectory().starts_with('/')) absolute += m_current.GetDirectory() + "/";
-    absolute += next.GetDirectory();
-    next = FilenameCracker::CrackDirectory(absolute);
+  if (drive.empty()) {
+    drive = m_current.GetDrive();
+    if (!next.GetDirectory().starts_with('/')) {
+      AppendNormalised(m_current.GetDirectory(), 0, &directory);
+    }
   }
-  m_current = std::move(next);
+  if (FindDrive(drive) == nullptr || !AppendNormalised(next.GetDirectory(), 0, &directory)) return;
+  m_current = FilenameCracker::CrackDirectory(drive + ":" + directory);
 }
 
 std::string FilenameMapper::GetDefaultDrive() const {

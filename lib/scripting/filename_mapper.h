@@ -89,7 +89,8 @@ class FilenameMapper : public lattix::Singleton<FilenameMapper> {
   bool TryMap(std::string_view name, std::string* device_path) const;
 
   FilenameCracker GetCurrentDirectory() const;
-  // Relative names are resolved against the current directory that was.
+  // Relative names are resolved against the current directory that was. Kept without "." and "..";
+  // a name of no drive's, or one that climbs above its drive's root, changes nothing.
   void SetCurrentDirectory(std::string_view name);
 
   // The drive of the current directory with its colon ("SD:"). Setting it makes the root of the

@@ -116,6 +116,11 @@ TEST_F(DriveTest, KeepsACurrentDirectoryAndADefaultDrive) {
   m_mapper.SetCurrentDirectory("SD:/a");
   m_mapper.SetCurrentDirectory("b/");
   EXPECT_EQ(m_mapper.Map("c"), "/storage/sd/a/b/c");
+  m_mapper.SetCurrentDirectory("./d/..//../b");
+  m_mapper.SetCurrentDirectory("../../..");
+  EXPECT_EQ(m_mapper.GetCurrentDirectory().ToString(), "SD:/a/b/");
+  m_mapper.SetCurrentDirectory("../..");
+  EXPECT_EQ(m_mapper.GetCurrentDirectory().ToString(), "SD:/");
   m_mapper.SetDefaultDrive("usb1:");
   EXPECT_EQ(m_mapper.GetDefaultDrive(), "USB1:");
   EXPECT_EQ(m_mapper.Map("c"), "/storage/usb1/c");
