@@ -69,8 +69,7 @@ struct Request {
   std::string Section() const { return fmt::format("{}.{}", kGlobal, interface); }
 };
 
-// --- The registry
-// ---------------------------------------------------------------------------------
+// --- The registry ------------------------------------------------------------------------------
 
 using Keys = std::vector<std::pair<const char*, std::string>>;
 
@@ -94,8 +93,7 @@ int StoreGlobal(const char* key, const std::string& value) {
   return 0;
 }
 
-// --- Checks: each returns what it was given, or refuses it
-// ----------------------------------------
+// --- Checks: each returns what it was given, or refuses it -------------------------------------
 
 bool IsPrintable(std::string_view text) {
   return std::ranges::all_of(text, [](char c) { return c >= ' ' && c < 0x7F; });
@@ -185,8 +183,7 @@ bool IsFrequency(const std::string& text) {
                  *mhz >= 5955);
 }
 
-// --- The forms
-// ------------------------------------------------------------------------------------
+// --- The forms ---------------------------------------------------------------------------------
 
 int Dhcp(const Request& request) {
   Store(request.Section(),
@@ -479,8 +476,7 @@ int Check(const Request& request) {
   return 0;
 }
 
-// --- What is configured, as it is shown
-// -----------------------------------------------------------
+// --- What is configured, as it is shown --------------------------------------------------------
 
 enum class Shown { kPlain, kSecret, kUrl };
 struct Setting {
@@ -576,8 +572,7 @@ int ShowHelp(const Request& request) {
   return 0;
 }
 
-// --- The table
-// ------------------------------------------------------------------------------------
+// --- The table ---------------------------------------------------------------------------------
 
 enum class Selects { kNothing, kOptional, kRequired };
 struct Form {

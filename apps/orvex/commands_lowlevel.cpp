@@ -26,15 +26,13 @@ namespace commands {
 
 namespace {
 
-// --- Memory
-// ---------------------------------------------------------------------------------------
+// --- Memory ------------------------------------------------------------------------------------
 
 // Nobody reads more on a terminal.
 constexpr uint64_t kMaxDump = uint64_t{16} << 20;
 constexpr size_t kDumpBlock = 4096;
 
-// --- I2C
-// ------------------------------------------------------------------------------------------
+// --- I2C ---------------------------------------------------------------------------------------
 
 // The others are reserved for the bus itself (UM10204, 3.1.12).
 constexpr uint64_t kFirstI2cDevice = 0x03;
@@ -45,8 +43,7 @@ void Transfer(int fd, std::span<i2c_msg> messages) {
   if (::ioctl(fd, I2C_RDWR, &transfer) < 0) throw lattix::ErrnoException(errno);
 }
 
-// --- USB (2.0: 7.1.20, 9.4.9, 11.24.2)
-// ------------------------------------------------------------
+// --- USB (2.0: 7.1.20, 9.4.9, 11.24.2) ---------------------------------------------------------
 
 constexpr uint8_t kToPort = USB_DIR_OUT | USB_TYPE_CLASS | USB_RECIP_OTHER;
 constexpr uint16_t kPortTest = 21;

@@ -17,6 +17,7 @@
 
 #include "apps/orvex/command_files.h"
 #include "apps/orvex/commands_device.h"
+#include "apps/orvex/console_terminal.h"
 #include "lib/hardware/hardware_config.h"
 #include "lib/platform/async_signals.h"
 #include "lib/platform/device_path.h"
@@ -182,6 +183,7 @@ int Node(const CommandLine& command) {
     node.SetUser(kUser);
     flags |= SpawnProcess::kDropPrivileges;
   }
+  const ProgramTerminal terminal;
   node.Execute(flags);
   try {
     return node.Wait() == 0 ? 0 : 1;
