@@ -338,8 +338,6 @@ LineEditorImpl::Edited LineEditorImpl::Edit(ConsoleReader::Place place, std::wst
   };
   const Turn turn(&m_reader, place);
   const Utf8Locale locale;
-  // No signal tells of a new size, since it would have to be this thread's.
-  if (m_terminal) el_resize(m_editor);
   int count = 0;
   m_editing = true;
   const wchar_t* const text = el_wgets(m_editor, &count);
