@@ -70,7 +70,7 @@ int Probe(const CommandLine& command) {
   const InterruptibleOutput output(command.shell);
   const lattix::UniqueFd fd = OpenArgument(command, command.argument(1), O_RDONLY);
   if (!fd) return 1;
-  const MediaProbe probe = ProbeMedia(fd.Get(), [&] { return output.IsInterrupted(); });
+  const MediaProbe probe = ProbeMedia(fd.Get());
   output.Check();
   switch (probe.outcome) {
     case MediaProbe::Outcome::kRecognised: command.shell.Puts(probe.text.c_str()); return 0;
@@ -86,7 +86,7 @@ int Analyze(const CommandLine& command) {
   const std::string_view to = command.argument(2);
   const lattix::UniqueFd in = OpenArgument(command, from, O_RDONLY);
   if (!in) return 1;
-  const MediaProbe probe = AnalyzeMedia(in.Get(), [&] { return output.IsInterrupted(); });
+  const MediaProbe probe = AnalyzeMedia(in.Get());
   output.Check();
   if (probe.outcome != MediaProbe::Outcome::kRecognised) {
     command.Print("{}: {}", from, probe.text);

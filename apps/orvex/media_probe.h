@@ -1,13 +1,9 @@
-// What a media file is, told by its container: no codec is run to play it.
+// What a media file is, as the program orvex-media-probe tells, which lies beside the player's.
 #pragma once
 
-#include <functional>
 #include <string>
 
 struct MediaProbe {
-  // Polled while the file is read; true ends it with an error.
-  using Interrupted = std::function<bool()>;
-
   enum class Outcome { kRecognised, kUnknown, kFailed };
 
   Outcome outcome = Outcome::kFailed;
@@ -15,9 +11,11 @@ struct MediaProbe {
   std::string text;
 };
 
-// Reads as much as it takes to know the streams. The descriptor must be of a plain file, is read
-// from its beginning, and stays the caller's. Blocks; any thread.
-MediaProbe ProbeMedia(int fd, const MediaProbe::Interrupted& interrupted);
+// Reads as much of the file as it takes to know its streams. The descriptor must be of a plain
+// file; its position is left alone. Blocks until the program has ended; Ctrl-C and the loss of the
+// terminal end it, which shows as a failure. Throws lattix::ErrnoException when the program cannot
+// be started.
+MediaProbe ProbeMedia(int fd);
 // Reads all of it, and adds to each stream how many packets it has, how large and how regular they
 // are.
-MediaProbe AnalyzeMedia(int fd, const MediaProbe::Interrupted& interrupted);
+MediaProbe AnalyzeMedia(int fd);

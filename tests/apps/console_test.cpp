@@ -95,6 +95,33 @@ TEST_F(ConsoleTest, CommandsAnswer) {
   EXPECT_TRUE(fs::exists("/etc/passwd"));
 }
 
+// Half a second of silence, 8000 samples of 8 bits a second.
+std::string Wave() {
+  constexpr char kHeader[] =
+      "RIFF\xc4\x0f\0\0WAVEfmt \x10\0\0\0\x01\0\x01\0\x40\x1f\0\0\x40\x1f\0\0\x01\0\x08\0"
+      "data\xa0\x0f\0";
+  return std::string(kHeader, sizeof kHeader).append(4000, '\x80');
+}
+
+TEST_F(ConsoleTest, MediaFilesAreLookedIntoByAProgramOfTheirOwn) {
+  Write("/storage/sd/a.wav", Wave());
+  Write("/storage/sd/a.txt", "no medium at all");
+  Write("/storage/sd/list.m3u8", "#EXTM3U\n#EXTINF:1,\n/etc/passwd\n");
+  Start();
+  const std::string stream = "Stream 0: audio pcm_u8 8000 Hz 1 channels 64000 bit/s\n";
+  const std::string probe = Ask("probe sd:/a.wav");
+  EXPECT_THAT(probe, HasSubstr("Container: wav\nDuration: 0.500 s\n"));
+  EXPECT_THAT(probe, HasSubstr(stream));
+  EXPECT_EQ("Unknown\n\n", Ask("probe sd:/a.txt"));
+  EXPECT_THAT(Ask("probe sd:/list.m3u8"), testing::AnyOf("Unknown\n\n", "Probe failed.\n\n"));
+  EXPECT_EQ("\n", Ask("analyze sd:/a.wav sd:/report"));
+  std::ifstream report(m_root.string() + "/storage/sd/report");
+  const std::string text(std::istreambuf_iterator<char>(report), {});
+  EXPECT_THAT(text, HasSubstr(stream + "  Packets: "));
+  EXPECT_THAT(text, HasSubstr("  Bytes: 4000, largest packet "));
+  EXPECT_EQ(42, Exit());
+}
+
 TEST_F(ConsoleTest, AnInterruptStopsALongOutputAndTheTypedLine) {
   Write("/usr/share/licenses/orvex/LICENSE", std::string(20'000'000, 'x').append("END OF TEXT"));
   Start();
