@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "lib/hardware/device_data.h"
 #include "lib/hardware/device_secrets/key_files.h"
 #include "lib/platform/device_file.h"
 #include "lib/platform/device_path.h"
@@ -24,7 +25,7 @@ constexpr char kUsage[] =
     "  encipher OSPS|PKPS     encipher a script from standard input to standard output\n"
     "  obfuscate              obfuscate a passphrase from standard input (one line)\n"
     "  unlock                 make the manufacturing unlock code the one on standard input\n"
-    "  sign                   sign device data from standard input; the signature in hexadecimal\n"
+    "  sign                   sign the root's device data: sets its PS_SIGNATURE\n"
     "The private key for signing (device-data.key) stays with the manufacturer: no device needs "
     "it.\n";
 
@@ -78,7 +79,9 @@ bool Run(std::string_view command, std::string_view argument) {
     WriteKey("unlock", UnlockFile(FirstLine(code)), O_TRUNC, 0600);
   } else if (command == "sign") {
     const std::string key = lattix::ReadDeviceFile(std::string(kKeyFolder) + "device-data.key");
-    Print(ToHex(SignDeviceData(Input().Get(), key)) + "\n");
+    DeviceData data = DeviceData::Read();
+    data.Set("PS_SIGNATURE", ToHex(SignDeviceData(data.SignedText(), key)));
+    data.Write();
   } else {
     return false;
   }
