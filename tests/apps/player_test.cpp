@@ -182,6 +182,9 @@ TEST_F(PlayerTest, SigtermEndsThePlayerAtOnceWhateverItDoes) {
 }
 
 TEST_F(PlayerTest, SigtermEndsAPlayerWhoseLogNobodyReads) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "the sanitizer flushes the streams before a process ends at once";
+#endif
   Autorun(
       "Sub Main()\n  d = CreateObject(\"koDeviceInfo\")\n  While True\n"
       "    d.HasFeature(\"none\")\n  End While\nEnd Sub\n");
