@@ -179,7 +179,9 @@ std::vector<UsbNode> ReadUsbTopology() {
   std::vector<UsbNode> roots;
   // Places are ordered so that a container comes right before what is below it.
   std::vector<std::pair<Place, UsbNode*>> open;  // the containers around the current place
-  for (const auto& [place, name] : devices) {
+  for (const auto& device : devices) {
+    const Place& place = device.first;
+    const std::string& name = device.second;
     const auto around = [&place](const Place& outer) {
       return outer.bus == place.bus && outer.ports.size() < place.ports.size() &&
              std::equal(outer.ports.begin(), outer.ports.end(), place.ports.begin());
