@@ -7,16 +7,12 @@
 #include <string>
 #include <string_view>
 
-#include "hooks.h"
-#include "ps_heap.h"
-#include "publicapis.h"
-#include "run.h"
+#include "fuzz/quiet_runtime.h"
 #include "run_debugger.h"
 
 namespace {
 
 constexpr uint64_t kTurns = 20000;
-constexpr size_t kMemory = size_t{256} << 20;
 constexpr std::string_view kSeparator = "\n===\n";
 
 constexpr std::string_view kScript = R"(
@@ -44,21 +40,7 @@ Function b(list As Object, n As Integer) As String
 End Function
 )";
 
-psProc* current = nullptr;
 std::string_view typed;
-
-void initOnce() {
-  static const bool done = [] {
-    pscSetPrintHook([](void*, psText) {}, nullptr);
-    psHeapSetLimit(kMemory);
-    psHostHooks hooks;
-    hooks.beforeBlocking = [] { scriptBreak(current, kPsBreak); };
-    psInstallHooks(hooks);
-    scriptInit({});
-    return true;
-  }();
-  (void)done;
-}
 
 int nextLine(psIo*, char* buffer, size_t size, const char*) {
   if (typed.empty()) return -1;

@@ -7,34 +7,15 @@
 #include <cstdlib>
 #include <string>
 
-#include "hooks.h"
-#include "ps_heap.h"
-#include "publicapis.h"
-#include "run.h"
+#include "fuzz/quiet_runtime.h"
 #include "run_decode.h"
 
 namespace {
 
 constexpr uint64_t kTurns = 20000;
 constexpr size_t kOutputLimit = 1 << 20;
-constexpr size_t kMemory = size_t{256} << 20;
 
 std::string output;
-psProc* current = nullptr;
-
-void initOnce() {
-  static const bool done = [] {
-    pscSetPrintHook([](void*, psText) {}, nullptr);
-    psHeapSetLimit(kMemory);
-    // Nobody will ever post a message: a script that waits is interrupted at once.
-    psHostHooks hooks;
-    hooks.beforeBlocking = [] { scriptBreak(current, kPsBreak); };
-    psInstallHooks(hooks);
-    scriptInit({});
-    return true;
-  }();
-  (void)done;
-}
 
 std::string run(std::string_view text, bool fused, psStatus* status) {
   psSetFusion(fused);
