@@ -1,9 +1,9 @@
 // The kernel shows each property as a file with its bytes.
 //
-// A flattened tree (Devicetree Specification, chapter 5) is big-endian words: a header that says
-// where the structure and the strings begin, then, in the structure, a token, a node's name and its
-// properties. It may have whole images as properties of its nodes, so it is read piece by piece,
-// and no further than the root's own properties, which come first.
+// A flattened tree (DTB, version 17) is big-endian words: a header that says where the structure and
+// the strings begin, then, in the structure, a token, a node's name and its properties. It may have
+// whole images as properties of its nodes, so it is read piece by piece, and no further than the
+// root's own properties, which come first.
 #include "lib/hardware/device_tree.h"
 
 #include <fcntl.h>
