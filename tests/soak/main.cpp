@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -36,7 +37,15 @@ struct Use {
   long descriptors;
 };
 
+// A flush that a run has left under way holds its file open until it is done.
+void WaitForFlushes() {
+  std::promise<void> done;
+  KelvoObjectGlobals::GetInstance().GetFlushQueue().Enqueue([&done] { done.set_value(); });
+  done.get_future().wait();
+}
+
 Use Measure() {
+  WaitForFlushes();
   const pscCollection collection = pscGarbageCollect(scriptDomain());
   std::ifstream statm("/proc/self/statm");
   long size = 0, resident = 0;
