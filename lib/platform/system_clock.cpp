@@ -64,19 +64,27 @@ std::string RtcDevice() {
   throw ErrnoException(ENOENT, "/dev/rtc");
 }
 
+// Between the kernel's broken-down time and the C library's, which count alike. The day of the week
+// and of the year follow from the rest.
+template <class To, class From>
+To Converted(const From& from) {
+  To to = {};
+  to.tm_sec = from.tm_sec;
+  to.tm_min = from.tm_min;
+  to.tm_hour = from.tm_hour;
+  to.tm_mday = from.tm_mday;
+  to.tm_mon = from.tm_mon;
+  to.tm_year = from.tm_year;
+  return to;
+}
+
 void WriteRtc(int64_t seconds) {
   const std::string path = RtcDevice();
   const UniqueFd fd = OpenDevice(path, O_RDONLY);
   const time_t time = static_cast<time_t>(seconds);
   tm parts;
   ::gmtime_r(&time, &parts);
-  rtc_time rtc = {};
-  rtc.tm_sec = parts.tm_sec;
-  rtc.tm_min = parts.tm_min;
-  rtc.tm_hour = parts.tm_hour;
-  rtc.tm_mday = parts.tm_mday;
-  rtc.tm_mon = parts.tm_mon;
-  rtc.tm_year = parts.tm_year;
+  const auto rtc = Converted<rtc_time>(parts);
   if (::ioctl(fd.Get(), RTC_SET_TIME, &rtc) != 0) throw ErrnoException(errno, path);
 }
 
@@ -86,13 +94,7 @@ bool RtcIsSet() {
     const UniqueFd fd = OpenDevice(RtcDevice(), O_RDONLY);
     rtc_time rtc = {};
     if (::ioctl(fd.Get(), RTC_RD_TIME, &rtc) != 0) return false;
-    tm parts = {};
-    parts.tm_sec = rtc.tm_sec;
-    parts.tm_min = rtc.tm_min;
-    parts.tm_hour = rtc.tm_hour;
-    parts.tm_mday = rtc.tm_mday;
-    parts.tm_mon = rtc.tm_mon;
-    parts.tm_year = rtc.tm_year;
+    auto parts = Converted<tm>(rtc);
     return ::timegm(&parts) >= kFirstPlausible;
   } catch (const ErrnoException&) {
     return false;
@@ -123,8 +125,9 @@ SystemClock::RootState SystemClock::LoadRoot() {
   try {
     const std::string text = ReadDeviceFile(kRootClockPath);
     char hardware[8] = "";
-    if (std::sscanf(text.c_str(), "offset %" SCNd64 "\nhardware %7s", &state.offset, hardware) ==
-        2) {
+    const int fields =
+        std::sscanf(text.c_str(), "offset %" SCNd64 "\nhardware %7s", &state.offset, hardware);
+    if (fields == 2 && state.offset >= -MachineNow()) {  // Set allows no time before 1970
       state.hardware_is_set = std::string_view(hardware) == "set";
       return state;
     }
@@ -193,6 +196,7 @@ void SystemClock::UnsetHardwareClock() {
     SaveRoot({m_offset, false});
   } else {
     WriteRtc(0);
+    m_hardware_is_set = false;
   }
 }
 

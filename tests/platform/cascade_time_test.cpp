@@ -267,6 +267,10 @@ TEST_F(Clock, ARootKeepsTheOffsetOfItsClock) {
 
   GetRegistryClient().Write("networking", "ptp_domain", "0");
   EXPECT_FALSE(CascadeTime::SetSystemClock(target));
+
+  root.Write("/var/lib/orvex/clock", "offset -9223372036854775808\nhardware set\n");
+  CascadeLibrary_InitializeCascadeTime();
+  EXPECT_GE(CascadeTime::ReadPresentTimeBase(), TimeBase{0});
 }
 
 TEST_F(Clock, TheZoneIsKept) {
