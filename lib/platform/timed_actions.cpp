@@ -5,8 +5,7 @@
 //
 // Rules of this file:
 // 1. An action runs without the mutex, from a copy that is the thread's own: nothing of the table
-// is
-//    held across it.
+//    is held across it.
 // 2. `running` names the action while it runs; Remove waits for that.
 // 3. The wall queue's due times are UTC and hold for one clock and one zone. After a change, which
 //    `changed` tells, they are all computed anew before any is looked at.
@@ -174,9 +173,10 @@ Cookie TimedActionQueue::AddAtMonotonicTime(int64_t due, Action action) {
 }
 
 Cookie TimedActionQueue::AddAtLocalTime(const DateStruct& date, Action action) {
+  const std::lock_guard lock(m_state->mutex);
+  // With the mutex: a change of the zone from here on finds the action in the queue.
   const std::optional<int64_t> due = State::DueOf(date);
   if (!due) return 0;
-  const std::lock_guard lock(m_state->mutex);
   m_state->Start();
   return m_state->Add({std::move(action), date}, *due);
 }
@@ -279,7 +279,15 @@ void TimedActionQueue::State::FollowChange() {
     // A date at the very end of time may lie beyond it in the new zone.
     wall.Add(call, DueOf(*once.at(CookieOf(call)).local).value_or(kNever));
   }
-  if (tick_due != kNever) ScheduleTick();
+  if (tick_due == kNever) return;
+  const int64_t seen = last_minute;
+  ScheduleTick();
+  // The network's time puts a clock forward a little once an hour. When that is the step into the
+  // next minute, it has begun all the same.
+  if (last_minute == seen + 1) {
+    last_minute = seen;
+    tick_due = lattix::get_monotonic_time();
+  }
 }
 
 // Any number that differs between neighbouring minutes and is the same within one.
@@ -316,7 +324,8 @@ void TimedActionQueue::State::Tick(std::unique_lock<std::mutex>* lock) {
 }
 
 // Sets the kernel's timer to the first moment of the wall queue. Whether there is anything to watch
-// the wall clock for.
+// the wall clock for. A clock that was set since the timer was last looked at is told only once,
+// here or by the timer.
 bool TimedActionQueue::State::ArmWallTimer() {
   if (wall.IsEmpty() && recurring.empty()) return false;
   timespec machine;
@@ -331,12 +340,14 @@ bool TimedActionQueue::State::ArmWallTimer() {
   const int armed = ::timerfd_settime(wall_timer.Get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET,
                                       &when, nullptr);
   LATTIX_ASSERT(armed == 0 || errno == ECANCELED);
+  changed |= armed != 0;
   return true;
 }
 
 void TimedActionQueue::State::Sleep(std::unique_lock<std::mutex>* lock) {
   const int64_t due = std::min(tick_due, monotonic.IsEmpty() ? kNever : monotonic.NextDue());
   const nfds_t watched = ArmWallTimer() ? 2 : 1;
+  if (changed) return;
   pollfd events[] = {{wake.Get(), POLLIN, 0}, {wall_timer.Get(), POLLIN, 0}};
   lock->unlock();
   const timespec left = SpecOf(std::max<int64_t>(due - lattix::get_monotonic_time(), 0));

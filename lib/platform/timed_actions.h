@@ -46,8 +46,8 @@ class TimedActionQueue {
   // When clock or zone is changed before, the new ones count. 0, and nothing added, for what is no
   // valid date.
   Cookie AddAtLocalTime(const CascadeTime::DateStruct& date, Action action);
-  // Each time a minute begins whose local time matches. A minute that the clock jumps over, or
-  // into, is not seen.
+  // Each time a minute begins whose local time matches. A minute that the clock jumps over is not
+  // seen; one that it jumps into is, when it is the next one.
   Cookie AddRecurring(const Recurrence& when, Action action);
 
   // When this returns the action neither runs nor will run; only an action that removes itself goes

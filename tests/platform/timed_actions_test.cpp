@@ -83,6 +83,13 @@ TEST_F(TimedActions, RecurringOnesRunWhenTheirMinuteBegins) {
   SetClock("20300101T105959,900");  // once more
   EXPECT_TRUE(Happens(&second));
   EXPECT_EQ(first, 1);
+
+  // The network's time corrects the clock right at the end of a minute.
+  TimedActionQueue other;
+  SetClock("20300101T115930");
+  other.AddRecurring({.hour = 12, .minute = 0}, [&] { second.Set(); });
+  SetClock("20300101T120000,020");
+  EXPECT_TRUE(Happens(&second));
 }
 
 TEST_F(TimedActions, RemovalWaitsForTheRunningAction) {
