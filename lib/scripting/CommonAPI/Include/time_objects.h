@@ -64,7 +64,7 @@ class DateTimeInstance final
   void Move(int64_t milliseconds);
 
   CascadeTime::DateStruct m_date;
-  char m_text[40] = "";  // what GetString lends
+  char m_text[48] = "";  // what GetString lends; seven fields of up to five digits fit
 };
 
 class NetworkTimeEventInstance final
