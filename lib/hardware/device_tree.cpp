@@ -1,9 +1,9 @@
 // The kernel shows each property as a file with its bytes.
 //
-// A flattened tree (DTB, version 17) is big-endian words: a header that says where the structure and
-// the strings begin, then, in the structure, a token, a node's name and its properties. It may have
-// whole images as properties of its nodes, so it is read piece by piece, and no further than the
-// root's own properties, which come first.
+// A flattened tree (DTB, version 17) is big-endian words: a header that says where the structure
+// and the strings begin, then, in the structure, a token, a node's name and its properties. It may
+// have whole images as properties of its nodes, so it is read piece by piece, and no further than
+// the root's own properties, which come first.
 #include "lib/hardware/device_tree.h"
 
 #include <fcntl.h>
@@ -22,11 +22,17 @@ namespace device_tree {
 
 namespace {
 
+// A property is a few words or names. One beyond this is none: as names, zeros alone would take
+// many times their size of memory.
+constexpr size_t kMaxProperty = 64 * 1024;
+
 std::string PathOf(const std::string& property) { return "/proc/device-tree/" + property; }
 
 std::optional<std::string> Bytes(const std::string& property) {
   try {
-    return lattix::ReadDeviceFile(PathOf(property));
+    std::string bytes = lattix::ReadDeviceFile(PathOf(property));
+    if (bytes.size() > kMaxProperty) return std::nullopt;
+    return bytes;
   } catch (const lattix::ErrnoException&) {
     return std::nullopt;
   }

@@ -216,6 +216,10 @@ TEST_F(Unit, ReadsItsVersions) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Empty boot version from boot loader. Bad.\n"
             "Unable to read rescue kernel version: No such file or directory\n");
+  for (const size_t size : {size_t{0}, size_t{1} << 20}) {
+    root.Write("/proc/device-tree/orvex/boot-version", std::string(size, '1'));
+    EXPECT_EQ(ReadBootVersion(), "0.0.0");
+  }
   root.Write("/proc/device-tree/orvex/boot-version", std::string("8.1.2\0", 6));
   EXPECT_EQ(ReadBootVersion(), "8.1.2");
 
