@@ -28,7 +28,8 @@ class DeviceData {
   // No data.
   DeviceData() = default;
 
-  // Reads what a text holds. Throws std::runtime_error for one that is beyond the limits.
+  // Reads what a text holds. Throws std::runtime_error for one that is too large, and what Set
+  // throws for more keys than there may be.
   static DeviceData Parse(std::string_view text);
   // The unit's own. Throws lattix::ErrnoException when the store cannot be read, and what Parse
   // throws.

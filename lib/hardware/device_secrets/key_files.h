@@ -7,8 +7,7 @@
 //   script-pkps   the same for the header "PKPS"
 //   registry      32 bytes in hexadecimal: obfuscates passphrases and keys
 //   unlock        "pbkdf2-sha256 ITERATIONS SALT HASH", the last two in hexadecimal: what the
-//   unlock
-//                 code of the manufacturing commands must hash to
+//                 code that unlocks the manufacturing commands must hash to
 //   device-data.pub  32 bytes in hexadecimal: the Ed25519 key (RFC 8032) that device data is signed
 //                 with; public
 //
