@@ -361,10 +361,19 @@ int Proxy(const Request& request) {
       !part(CURLUPART_QUERY).empty() || !part(CURLUPART_FRAGMENT).empty()) {
     throw Refused(fmt::format("Invalid proxy URL: '{}'", Printable(UrlWithoutCredentials(text))));
   }
-  return StoreGlobal("proxy", text);
+  // The password leaves the URL, the user stays in it.
+  const std::string user = part(CURLUPART_USER);
+  const std::string password = part(CURLUPART_PASSWORD);
+  Store(kGlobal, {{"proxy", fmt::format("http://{}{}{}:{}", user, user.empty() ? "" : "@",
+                                        part(CURLUPART_HOST), part(CURLUPART_PORT))},
+                  {"proxy_password", password.empty() ? "" : Obfuscate(password)}});
+  return 0;
 }
 
-int NoProxy(const Request&) { return StoreGlobal("proxy", ""); }
+int NoProxy(const Request&) {
+  Store(kGlobal, {{"proxy", ""}, {"proxy_password", ""}});
+  return 0;
+}
 
 int TimeServer(const Request& request) {
   const std::string& text = request.words[0];
@@ -510,6 +519,7 @@ constexpr Setting kInterfaceSettings[] = {
 constexpr Setting kGlobalSettings[] = {
     {"hostname", "Host name"},
     {"proxy", "Proxy", Shown::kUrl},
+    {"proxy_password", "Proxy password", Shown::kSecret},
     {"time_server", "Time server"},
     {"client_id", "Client identifier"},
     {"login_password", "Login password", Shown::kSecret},

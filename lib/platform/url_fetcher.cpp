@@ -7,7 +7,7 @@ std::string UrlWithoutCredentials(std::string_view url) {
   const size_t scheme = url.find("://");
   const size_t start = scheme == std::string_view::npos ? 0 : scheme + 3;
   // A password may hold an unescaped '@': the last one of the authority ends it.
-  const size_t end = std::min(url.find_first_of("/?#\\", start), url.size());
+  const size_t end = std::min(url.find_first_of("/?#", start), url.size());
   const size_t at = url.substr(0, end).rfind('@');
   if (at == std::string_view::npos || at < start) return std::string(url);
   return std::string(url.substr(0, start)).append(url.substr(at + 1));

@@ -124,6 +124,8 @@ TEST_F(NetworkCommandsTest, NoSecretIsShownOrStored) {
                     HasSubstr("  Dial-up password: (set)\n"), HasSubstr("  Proxy: http://h:3128\n"),
                     HasSubstr("  Login password: (set)\n"), Not(HasSubstr("sesame"))));
   EXPECT_THAT(Ask("registry list networking.wlan0"), Not(HasSubstr("sesame")));
+  EXPECT_THAT(Ask("registry list networking"),
+              AllOf(HasSubstr("proxy=http://me@h:3128\n"), Not(HasSubstr("sesame"))));
   EXPECT_THAT(Ask("registry read networking login_password"), StartsWith("$y$"));
   EXPECT_EQ(42, Exit());
   EXPECT_THAT(player->err, Not(HasSubstr("sesame")));
