@@ -117,6 +117,9 @@ StorageWatch::StorageWatch()
       Log("Failed to watch the mount table: {}\n", ErrorText(errno));
     }
   }
+  // Whoever checks the media may come later than we do, and a folder that is not there cannot be
+  // watched.
+  ::mkdir(DevicePath(kStates).c_str(), 0755);
   WatchFolders();
 }
 
@@ -138,13 +141,11 @@ void StorageWatch::WatchFolders() {
 bool StorageWatch::Acknowledge() {
   epoll_event ready[2];
   ::epoll_wait(m_epoll.Get(), ready, 2, 0);
-  // The table's event has been consumed; on a device every wake-up that has no file event is it.
-  bool any_event = false;
-  bool interesting = false;
+  // The table's event has been consumed: on a device every wake-up may be it.
+  bool interesting = !InDeviceRoot();
   alignas(inotify_event) char buffer[4096];
   ssize_t n;
   while ((n = ::read(m_inotify.Get(), buffer, sizeof(buffer))) > 0) {
-    any_event = true;
     for (ssize_t at = 0; at < n;) {
       const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
       at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
@@ -154,5 +155,5 @@ bool StorageWatch::Acknowledge() {
     }
   }
   WatchFolders();
-  return interesting || !any_event;
+  return interesting;
 }
