@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr size_t kLongestMappedPath = 512;
+// A library's path with its NUL.
+constexpr size_t kPathRoom = 512;
 
 std::vector<std::string>& libraryPrefixes() {
   static std::vector<std::string> prefixes;
@@ -110,7 +111,7 @@ psStatus MatchLIBRARY(psParser* p) {
   for (const std::string& prefix : libraryPrefixes()) {
     const std::string path = prefix + std::string(name);
     std::string native;
-    if (!psHooks().mapFilename(path, &native) || native.size() > kLongestMappedPath) continue;
+    if (!psHooks().mapFilename(path, &native) || native.size() >= kPathRoom) continue;
     std::string text;
     bool enciphered = false;
     if (!ReadScriptSource(native, &text, &err, &enciphered)) {
