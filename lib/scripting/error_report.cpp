@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <stdexcept>
 
 #include "lib/platform/assertion.h"
 #include "lib/platform/device_path.h"
@@ -34,11 +35,14 @@ std::string Trimmed(const std::string& text) {
 }
 
 // Empty when the script cannot be read any more.
-std::string ScriptHash(const FilenameMapper& mapper, const std::string& script) {
+std::string ScriptHash(const FilenameMapper& mapper, const std::string& script,
+                       const std::stop_token& stop) {
   try {
     const lattix::UniqueFd file = OpenBeneathDrive(mapper.Map(script), O_RDONLY, 0);
     if (!file) throw lattix::ErrnoException(errno, script);
-    return FileSha1(file.Get());
+    return FileSha1(file.Get(), [&stop] {
+      if (stop.stop_requested()) throw std::runtime_error("Cancelled");
+    });
   } catch (const std::exception& error) {
     Log("Failed to hash failed script contents: {}.\n", error.what());
     return {};
@@ -87,7 +91,7 @@ void MaybeReportErrorToNetwork(UrlFetcher& fetcher, const std::string& url,
                                std::stop_token stop) {
   if (failure.error.empty()) return;
   try {
-    const std::string hash = ScriptHash(mapper, failure.script);
+    const std::string hash = ScriptHash(mapper, failure.script, stop);
     Log("{}: {}\n", KindText(failure.kind), Trimmed(failure.error));
     Log("ScriptName: {}\n", failure.script);
     Log("ScriptHash: {}\n", hash);

@@ -23,6 +23,7 @@
 #include <new>
 #include <optional>
 #include <span>
+#include <stdexcept>
 
 #include "lib/platform/assertion.h"
 #include "lib/platform/async_signals.h"
@@ -90,7 +91,8 @@ std::string ConsolePrompt(const char* without_console, const char* what) {
   if (StandardInputIs(serial)) {
     return fmt::format("Press SVC button or Ctrl-C on serial to {}\n", what);
   }
-  return fmt::format("Press SVC button or connect to {} and press Ctrl-C to {}\n", serial, what);
+  const std::string first = "connect to " + serial;
+  return fmt::format("Press SVC button or {} and press Ctrl-C to {}\n", first, what);
 }
 
 class ScriptInterpreterImpl final : public ScriptInterpreter,
@@ -326,7 +328,11 @@ std::optional<ScriptInterpreter::ScriptResult> ScriptInterpreterImpl::Load(
     if (!hash_source.empty()) hashed_path = mapper.Map(hash_source);
     const lattix::UniqueFd hashed = OpenBeneathDrive(hashed_path, O_RDONLY, 0);
     if (!hashed) throw lattix::ErrnoException(errno, hashed_path);
-    Log("Loading '{}' ({})\n", file, FileSha1(hashed.Get()));
+    // Whatever lies there is read to its end, and that may be far.
+    const std::string hash = FileSha1(hashed.Get(), [this] {
+      if (m_stopped) throw std::runtime_error("Cancelled");
+    });
+    Log("Loading '{}' ({})\n", file, hash);
   } catch (const std::exception& error) {
     Log("Failed to produce hash for '{}': {}\n", file, error.what());
   }

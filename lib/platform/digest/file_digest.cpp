@@ -86,7 +86,9 @@ std::string FileDigest(std::string_view algorithm, int fd, const DigestProgress&
   return DigestOf(*found, fd, progress);
 }
 
-std::string FileSha1(int fd) { return DigestOf(kSha1, fd, {}); }
+std::string FileSha1(int fd, const DigestProgress& progress) {
+  return DigestOf(kSha1, fd, progress);
+}
 
 std::string Sha1(std::string_view bytes) {
   const Digest digest = Open(kSha1);
