@@ -234,7 +234,7 @@ void NetworkRecovery::Request(RecoveryMode mode, const std::stop_token& stop) {
   result.status = response.result;
   result.mode = mode;
   if (m_options.trace) Log("Network recovery result: {}\n", response.result);
-  bool answered = IsValidServerResponse(response.result);
+  bool answered = result.valid = IsValidServerResponse(response.result);
   if (response.result == kOk) {
     if (const char* why = WhyNoScript(response)) {
       Log("The recovery server's answer is no script: {}\n", why);

@@ -70,6 +70,7 @@ std::chrono::seconds DelayToNextCheck(RecoveryMode mode, bool answered, int64_t 
 struct RecoveryResult {
   unsigned count = 0;  // results since Start; 0: none yet
   int status = 0;      // as UrlFetcher::Response::result
+  bool valid = false;  // IsValidServerResponse of it
   // The status is 200 and a script lies in kRecoveryScript.
   bool has_script = false;
   RecoveryMode mode = RecoveryMode::kDisabled;  // in which the request was made

@@ -182,6 +182,7 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
 
   bool WaitForOverrideRecoveryDownload(NetworkRecovery& recovery);
   void MoveToPeriodicMode(NetworkRecovery& recovery);
+  bool HasOtherAutorun(int storage_index);
   Step CheckForOverride(NetworkRecovery& recovery, bool* start_over);
   Step RunAutoruns(int storage_index, NetworkRecovery& recovery);
   Step RunPeriodicRecovery();
@@ -190,6 +191,7 @@ class AutoScriptInvokerImpl final : public AutoScriptInvoker, OnlyOne<AutoScript
 
   Outcome RunAutorun(int storage_index);
   enum class Kind { kAutorun, kRecovery };
+  class Running;
   Outcome RunScript(const std::string& script, const std::string& hash_source, Kind kind);
   void Report(const Outcome& outcome, const std::string& error, const std::string& script);
   bool OperatorDebugs(const Outcome& outcome);
@@ -406,7 +408,10 @@ AutoScriptInvoker::ScriptResult AutoScriptInvokerImpl::Discover() {
       Trace("autorun_storage_index={}\n", storage_index);
       // The server is waited for once: a script that restarts must not stand still for it.
       bool start_over = false;
-      if (first && recovery.IsPossible()) end = CheckForOverride(recovery, &start_over);
+      if (first && recovery.IsPossible()) {
+        end = CheckForOverride(recovery, &start_over);
+        if (!end && !start_over) start_over = HasOtherAutorun(storage_index);
+      }
       if (!end && !start_over) {
         if (recovery.IsPossible()) MoveToPeriodicMode(recovery);
         end = RunAutoruns(storage_index, recovery);
@@ -583,6 +588,30 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunAutorun(int storage_ind
   return RunScript(archive.script, script, Kind::kAutorun);
 }
 
+// Makes a run known to those who may stop it, for as long as it lasts.
+class AutoScriptInvokerImpl::Running {
+ public:
+  Running(AutoScriptInvokerImpl& invoker, ScriptInterpreter& interpreter, Kind kind)
+      : m_invoker(invoker) {
+    const std::lock_guard lock(m_invoker.m_lock);
+    m_invoker.m_current = &interpreter;
+    m_invoker.m_current_is_autorun = kind == Kind::kAutorun;
+    if (m_invoker.m_told_to_stop ||
+        (m_invoker.m_current_is_autorun && m_invoker.m_periodic_script)) {
+      interpreter.Stop();
+    }
+  }
+  ~Running() {
+    const std::lock_guard lock(m_invoker.m_lock);
+    m_invoker.m_current = nullptr;
+  }
+  Running(const Running&) = delete;
+  Running& operator=(const Running&) = delete;
+
+ private:
+  AutoScriptInvokerImpl& m_invoker;
+};
+
 AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::string& script,
                                                                 const std::string& hash_source,
                                                                 Kind kind) {
@@ -602,15 +631,8 @@ AutoScriptInvokerImpl::Outcome AutoScriptInvokerImpl::RunScript(const std::strin
     return outcome;
   }
   {
-    const std::lock_guard lock(m_lock);
-    m_current = interpreter.get();
-    m_current_is_autorun = kind == Kind::kAutorun;
-    if (m_told_to_stop || (m_current_is_autorun && m_periodic_script)) m_current->Stop();
-  }
-  outcome.result = interpreter->Run(script, hash_source, 0, nullptr, nullptr);
-  {
-    const std::lock_guard lock(m_lock);
-    m_current = nullptr;
+    const Running running(*this, *interpreter, kind);
+    outcome.result = interpreter->Run(script, hash_source, 0, nullptr, nullptr);
   }
   outcome.offered_debugger = interpreter->WasOfferedDebugger();
   outcome.debugged = interpreter->WasDebugged();
@@ -689,6 +711,12 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::CheckForOverride(NetworkRecov
   return ScriptInterpreter::kReboot;
 }
 
+// The server was waited for long enough to take a medium out, or to put a better one in.
+bool AutoScriptInvokerImpl::HasOtherAutorun(int storage_index) {
+  m_storages.Scan(FilenameMapper::GetInstance());
+  return m_storages.Best() != storage_index;
+}
+
 void AutoScriptInvokerImpl::MoveToPeriodicMode(NetworkRecovery& recovery) {
   const std::lock_guard lock(m_lock);
   m_periodic = true;
@@ -710,7 +738,7 @@ bool AutoScriptInvokerImpl::WaitForOverrideRecoveryDownload(NetworkRecovery& rec
     const RecoveryResult result = recovery.GetResult();
     if (std::exchange(answers, result.count) != result.count) {
       found = result.has_script;
-      if (found || IsValidServerResponse(result.status)) break;
+      if (found || result.valid) break;
     }
     if (lattix::get_monotonic_time() >= deadline) {
       if (std::exchange(extended, true)) break;
@@ -747,7 +775,7 @@ AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::RunPeriodicRecovery() {
 
 AutoScriptInvokerImpl::Step AutoScriptInvokerImpl::LastResortRecovery(int reason,
                                                                       NetworkRecovery& recovery) {
-  Trace("LastResortRecovery\n");
+  Log("LastResortRecovery\n");
   Log("Begin last resort recovery due to {}\n", reason);
   {
     const std::lock_guard lock(m_lock);

@@ -68,8 +68,8 @@ class AutoScriptInvoker {
   virtual void Start(std::function<void(ScriptResult)> on_end) = 0;
   // Ends the running script and Invoke, and joins the thread; from any thread but that. False when
   // the script is in a native call that does not return within ten seconds (a debugger that reads
-  // does when the console's input ends): then the thread is
-  // still there, and a process that wants to end has to leave without destroying anything.
+  // does when the console's input ends): then the thread is still there, and a process that wants
+  // to end has to leave without destroying anything.
   virtual bool Stop() = 0;
   // From Start until Invoke has returned and on_end with it.
   virtual bool IsRunning() const = 0;

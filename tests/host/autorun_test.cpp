@@ -1,5 +1,6 @@
 #include "lib/scripting/script_autorun.h"
 
+#include <poll.h>
 #include <zip.h>
 
 #include <algorithm>
@@ -129,10 +130,15 @@ TEST_F(StoragesTest, ABadOneIsSkippedUntilItsMediumIsTakenOut) {
 
 TEST_F(StoragesTest, ACheckedOrCorruptOneIsNotUsed) {
   Script("sd/autorun.plm", "'\n");
+  std::filesystem::create_directories(root.path() + "/var/run");
+  StorageWatch watch;
   AutorunStorages storages({});
   for (const auto& [told, status] :
        {std::pair{"checking\n", "SD=checking;"}, std::pair{"corrupt\n", "SD=error;"}}) {
     root.Write("/var/run/storage/sd", told);
+    pollfd changed = {watch.GetFd(), POLLIN, 0};
+    EXPECT_EQ(::poll(&changed, 1, 0), 1);
+    EXPECT_TRUE(watch.Acknowledge());
     storages.Scan(globals.GetFilenameMapper());
     EXPECT_NE(storages.GetStatusList().find(status), std::string::npos);
     EXPECT_EQ(storages.Best(), -1);
@@ -373,6 +379,17 @@ TEST_F(InvokerTest, AnOverrideMayTakeTheAutorunAway) {
   EXPECT_EQ(console.text(), "ran\n");
 }
 
+TEST_F(InvokerTest, TheMediaAreLookedAtAgainAfterTheOverride) {
+  Script("sd/autorun.plm", "sub main()\nprint \"not me\"\nend sub\n");
+  Recovery([this](const auto&) {
+    Remove("sd");
+    Script("usb1/autorun.plm", kPrints);
+    return TestFetcher::Status(404);
+  });
+  EXPECT_EQ(Invoke(), Result::kNormal);
+  EXPECT_EQ(console.text(), "ran\n");
+}
+
 TEST_F(InvokerTest, WithoutAnOverrideTheAutorunRuns) {
   Script("sd/autorun.plm", kPrints);
   Recovery([](const auto&) { return TestFetcher::Status(404); });
@@ -428,7 +445,8 @@ TEST_F(InvokerTest, WithoutAnyStorageTheServerIsAsked) {
   Logged log;
   EXPECT_EQ(Invoke(), Result::kNormal);
   EXPECT_TRUE(log.Has("WaitForStorages fall back to network recovery (no storage)\n"));
-  EXPECT_TRUE(log.Has("No autorun. Forcing recovery.\nBegin last resort recovery due to 3\n"));
+  EXPECT_TRUE(log.Has("No autorun. Forcing recovery.\nLastResortRecovery\n"));
+  EXPECT_TRUE(log.Has("Begin last resort recovery due to 3\n"));
   EXPECT_TRUE(console.text().ends_with("ran\n"));
 }
 
