@@ -1,6 +1,7 @@
 // The player's process, whole: the real program in a device root, on a terminal or without one.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <zip.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -283,6 +284,33 @@ TEST_F(PlayerTest, WithoutATerminalThePlayerEndsWithTheScriptsResult) {
     EXPECT_TRUE(player.out.starts_with(row.out)) << player.out;
     EXPECT_EQ(kAudioMuted, AudioLines());
   }
+}
+
+TEST_F(PlayerTest, AnEncryptedPresentationIsPlayedWithTheDevicesKeys) {
+  Write("/script", "Sub Main()\n  Print ReadAsciiFile(\"text.txt\")\nEnd Sub\n");
+  const std::string make = "cd '" + m_root.string() +
+                           "' && keys() { '" DEVICE_KEYS_PROGRAM
+                           "' --root . \"$@\"; } && keys create && "
+                           "keys encipher OSPS <script >enciphered && "
+                           "echo 'open sesame' | keys obfuscate >passphrase";
+  ASSERT_EQ(0, std::system(make.c_str()));
+  std::string passphrase = Read("/passphrase");
+  passphrase.pop_back();
+  Write("/var/lib/orvex/registry.json", R"({"security":{"autozipkey":")" + passphrase + "\"}}");
+
+  const std::string script = Read("/enciphered");
+  zip_t* zip = zip_open((m_root / "storage/sd/autorun.zip").c_str(), ZIP_CREATE, nullptr);
+  ASSERT_NE(nullptr, zip);
+  zip_file_add(zip, "autozip.plm", zip_source_buffer(zip, script.data(), script.size(), 0), 0);
+  zip_file_add(zip, "text.txt", zip_source_buffer(zip, "unpacked", 8, 0), 0);
+  for (zip_uint64_t i = 0; i < 2; ++i) {
+    zip_file_set_encryption(zip, i, ZIP_EM_AES_256, "open sesame");
+  }
+  ASSERT_EQ(0, zip_close(zip));
+  Player player = WithoutTerminal();
+  EXPECT_EQ(0, player.Finish()) << player.err;
+  EXPECT_EQ("unpacked\n", player.out);
+  EXPECT_THAT(player.err, Not(HasSubstr("sesame")));
 }
 
 TEST_F(PlayerTest, OnATerminalOnceEndsWithTheScriptToo) {

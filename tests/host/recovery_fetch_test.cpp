@@ -5,7 +5,9 @@
 
 #include "lib/platform/monotonic_time.h"
 #include "lib/platform/url_fetch/curl_url_fetcher.h"
+#include "tests/apps/program_run.h"
 #include "tests/host/http_test_server.h"
+#include "tests/platform/test_support.h"
 
 namespace {
 
@@ -98,6 +100,34 @@ TEST(Fetch, RefusesOtherProtocolsAndDeadServers) {
   EXPECT_EQ(CurlUrlFetcher().Fetch(To("http://127.0.0.1:1/"), {}).result, -7);
 }
 
+TEST(Fetch, TrustsThePeersThatTheDeviceKnowsByTheirNames) {
+  const TemporaryRoot root;
+  // A certificate that is its own authority.
+  const std::string make =
+      "cd '" + root.path() +
+      "' && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=x "
+      "-addext subjectAltName=DNS:localhost -keyout key.pem -out cert.pem 2>make.log";
+  ASSERT_EQ(std::system(make.c_str()), 0) << root.Read("/make.log");
+  root.Write("/script", "Print 1\n");
+  ProgramRun server(
+      "/usr/bin/openssl",
+      {"s_server", "-accept", "127.0.0.1:0", "-WWW", "-key", "key.pem", "-cert", "cert.pem"},
+      root.path(), false, {});
+  ASSERT_TRUE(server.Expect("ACCEPT 127.0.0.1:"));
+  const size_t port = server.out.find("ACCEPT 127.0.0.1:") + 17;
+  ASSERT_TRUE(server.Expect("\n"));
+  const std::string path =
+      ":" + server.out.substr(port, server.out.find('\n', port) - port) + "/script";
+
+  constexpr int kNotTrusted = -60;
+  EXPECT_EQ(CurlUrlFetcher().Fetch(To("https://localhost" + path), {}).result, kNotTrusted);
+  root.Write("/etc/ssl/certs/ca-certificates.crt", root.Read("/cert.pem"));
+  EXPECT_EQ(CurlUrlFetcher().Fetch(To("https://127.0.0.1" + path), {}).result, kNotTrusted);
+  const UrlFetcher::Response response = CurlUrlFetcher().Fetch(To("https://localhost" + path), {});
+  EXPECT_EQ(response.result, 200) << response.message;
+  EXPECT_EQ(response.body, "Print 1\n");
+}
+
 TEST(Fetch, EndsAtItsTimeLimitAndWhenCancelled) {
   HttpTestServer server([](const std::string&) { return std::string(); });
   UrlFetcher::Request request = To(server.Url());
@@ -124,7 +154,7 @@ TEST(Fetch, EndsAtItsTimeLimitAndWhenCancelled) {
 TEST(Fetch, KeepsCredentialsOutOfMessages) {
   const std::pair<const char*, const char*> kUrls[] = {
       {"http://u:p@host/x?q=a@b", "http://host/x?q=a@b"},
-      {"https://u:p@ss@host:8/", "https://host:8/"},
+      {"https://u:p@ss\\@host:8/", "https://host:8/"},
       {"http://host/a@b", "http://host/a@b"},
       {"u:p@host", "host"},
       {"http://u@h?x@y", "http://h?x@y"},
