@@ -1,4 +1,6 @@
 // The shared interfaces, and events on their way from any thread to a port.
+#include <atomic>
+#include <functional>
 #include <thread>
 
 #include "lib/scripting/CommonAPI/Include/ko_container.h"
@@ -23,6 +25,12 @@ class PulseEventInstance final
     SetInt(number);
     SetString(text);
   }
+  // The last step before an event is posted.
+  static inline std::function<void()> before_posting;
+  void SetSourceIdentity(int32_t identity) {
+    SourceIdentityMixin::SetSourceIdentity(identity);
+    if (before_posting) before_posting();
+  }
 };
 constexpr psInterface kPulseEventInterfaces[] = {
     UserDataMixin::kInterface<PulseEventInstance>,
@@ -38,6 +46,10 @@ class PulseInstance final
                             UserDataMixin, IdentityMixin> {
  public:
   static pscClass sm_class;
+  static inline std::function<void()> on_death;
+  ~PulseInstance() {
+    if (on_death) on_death();
+  }
   bool Fire(int32_t number, std::string_view text = {}) {
     return PostMessage<PulseEventInstance>(*this, number, text);
   }
@@ -104,7 +116,11 @@ class Mixins : public Objects {
   Mixins()
       : Objects({&PulseEventInstance::sm_class, &PulseInstance::sm_class, &WireInstance::sm_class,
                  &ObserverInstance::sm_class}) {}
-  ~Mixins() override { psHeapSetLimit(SIZE_MAX); }
+  ~Mixins() override {
+    psHeapSetLimit(SIZE_MAX);
+    PulseEventInstance::before_posting = nullptr;
+    PulseInstance::on_death = nullptr;
+  }
 
   Value port{pscNewComponentByName(domain(), "koMessagePort")};
 
@@ -256,6 +272,61 @@ TEST_F(Mixins, ThreadsPostWhileTheScriptWorks) {
     pscGarbageCollect(domain());
   }
   for (std::thread& thread : threads) thread.join();
+}
+
+// Handling an event, a script may let go of all that leads to the source while the source is still
+// at its post. It is destroyed when that is over, not by it: its destructor waits for the posting
+// thread, as for the poll thread.
+TEST_F(Mixins, APostNeverDestroysItsSource) {
+  constexpr int kRounds = 500;
+  PulseInstance* source = nullptr;
+  std::atomic<PulseInstance*> serving{nullptr};
+  std::atomic<bool> posting{false}, quit{false};
+  std::atomic<int> deaths{0};
+  std::thread poster([&] {
+    while (!quit) {
+      posting = true;
+      if (PulseInstance* served = serving) served->Fire(1);
+      posting = false;
+      std::this_thread::yield();
+    }
+  });
+  PulseInstance::on_death = [&] {
+    EXPECT_NE(std::this_thread::get_id(), poster.get_id());
+    serving = nullptr;
+    while (posting && std::this_thread::get_id() != poster.get_id()) std::this_thread::yield();
+    deaths++;
+  };
+  // A source that only its user data leads to.
+  const auto doom = [&] {
+    const Value pulse = create("koPulse");
+    source = &PulseInstance::FromHandle(pulse.object());
+    KelvoAssocArrayCreator data(domain());
+    data.Set("source", KelvoObjectRef(pulse.object()));
+    source->SetUserData(data.Get().Get());
+    source->SetPort(port.object());
+  };
+  for (int round = 0; round < kRounds; round++) {
+    doom();
+    serving = source;
+    const void* methods = pscGetMethods(port.object(), "ifMessagePort");
+    Value event(static_cast<const psIfMessagePort*>(methods)->WaitMessage(port.object(), 60'000));
+    source->SetUserData(nullptr);
+    for (event = Value(); deaths == round;) take(port);
+  }
+  quit = true;
+  poster.join();
+
+  // Nor is it when no port has taken the event.
+  PulseEventInstance::before_posting = [&] {
+    source->SetPort(nullptr);
+    source->SetUserData(nullptr);
+  };
+  doom();
+  EXPECT_FALSE(source->Fire(1));
+  EXPECT_EQ(deaths, kRounds);
+  pscGarbageCollect(domain());
+  EXPECT_EQ(deaths, kRounds + 1);
 }
 
 // --- Streams ----------------------------------------------------------------------------------

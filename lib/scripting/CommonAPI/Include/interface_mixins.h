@@ -42,16 +42,20 @@ class MessageSourceBase {
   // Creates an event of class Event, constructed with the parameters, gives it the sender's user
   // data and identity (where both sides have them) and posts it. False when no port received it:
   // there is none, the script is too far behind, or the event could not be built, which is logged.
-  // The caller sees to it that the sender lives until this returns. Takes the collector lock.
+  //
+  // The caller sees to it that the sender lives until this returns; posting itself destroys no
+  // object of the script. Takes the collector lock: the caller holds no lock under which its class
+  // reports references.
   template <class Event, class Sender, class... Params>
   bool PostMessage(Sender& sender, Params&&... params) noexcept;
-  // Posts an event that is complete. False when there is no port, or the script is too far behind.
-  bool Post(const KelvoObjectRef& event);
 
   void EnumReferences(const KelvoReferenceVisitor& visit) const;
   void BreakReferences() { SetPort(nullptr); }
 
  private:
+  // Whether an event that is built now will find a port to take it.
+  bool IsListenedTo() const;
+  bool Post(KelvoObjectRef event);
   static void LogLostEvent(const char* class_name) noexcept;
 
   mutable std::mutex m_mutex;
@@ -285,11 +289,12 @@ class StreamSendMixin {
 
 template <class Event, class Sender, class... Params>
 bool MessageSourceBase::PostMessage(Sender& sender, Params&&... params) noexcept {
-  if (!HasPort()) return false;
-  KelvoObjectRef ref;  // outlives the collector lock: destroying an object under it is not allowed
+  if (!IsListenedTo()) return false;
   try {
+    // Until the event is out of our hands: what the collector found there it would not touch, nor
+    // anything that the event leads to.
     const CollectorLock lock(sender.GetDomain());
-    ref = KelvoNewObject<Event>(sender.GetDomain(), std::forward<Params>(params)...);
+    KelvoObjectRef ref = KelvoNewObject<Event>(sender.GetDomain(), std::forward<Params>(params)...);
     Event& event = Event::FromHandle(ref.Get());
     if constexpr (std::derived_from<Sender, UserDataMixin> &&
                   std::derived_from<Event, UserDataMixin>) {
@@ -299,7 +304,7 @@ bool MessageSourceBase::PostMessage(Sender& sender, Params&&... params) noexcept
                   std::derived_from<Event, SourceIdentityMixin>) {
       event.SetSourceIdentity(sender.GetIdentity());
     }
-    return Post(ref);
+    return Post(std::move(ref));
   } catch (...) {
     LogLostEvent(Event::sm_class.ln_Name);
     return false;

@@ -1,7 +1,8 @@
 // References to script objects held by native code, and memory that counts as the script's.
 //
 // All of these may be used from any thread; one object of them by one thread at a time, unless its
-// class says otherwise.
+// class says otherwise. What callbacks on other threads than the script's have to mind when they
+// are done with a reference is told in kocpp.h.
 #pragma once
 
 #include <cstddef>

@@ -29,9 +29,21 @@
 // instance's private data; construction, destruction, the collector's hooks and the conversion of
 // arguments are generated. The record is made by the compiler; nothing runs at start-up.
 //
-// Threads. Methods, Init and koInitClass run on the script's thread. The destructor runs on the
-// thread that drops the last reference; it first detaches whatever may call the object (poll
-// thread, timers, workers), so that nothing reaches a half-destroyed one.
+// Threads, and how long an object lives:
+//  1. Methods, Init and koInitClass run on the script's thread. Callbacks of the poll thread, of
+//     timers and of an object's own workers only post events (interface_mixins.h) and touch what
+//     the class guards with locks of its own.
+//  2. The destructor runs on the thread that drops the last reference; it first detaches whatever
+//     may call the object, and waits for a call in progress, so that nothing reaches a
+//     half-destroyed one. Up to then a callback may still post.
+//  3. So a callback never drops a reference to a script's object: what it drops may be the last
+//     reference to its own object, at the end of a chain, and the destructor would wait for the
+//     callback. It hands the reference over with pscLeaveToScript. Nor does it take a reference to
+//     its own object: the destructor may have begun.
+//  4. The collector asks for an object's references under the collector lock, and posting takes
+//     that lock. So nobody posts while holding a lock that EnumOwnReferences takes. The poll
+//     thread's mutex comes before the collector lock: under the latter, nothing calls into the
+//     poll thread.
 #pragma once
 
 #include <concepts>

@@ -13,7 +13,7 @@
 #include "lib/scripting/CommonAPI/Include/stream_events.h"
 
 // The native entries of ifStreamReceiveObserver: bytes that a stream has received, on the thread
-// that received them.
+// that received them, with the collector lock held.
 struct KelvoIfStreamReceiveObserver {
   void (*Receive)(pscInstance*, const uint8_t* bytes, size_t size);
 };
@@ -64,7 +64,7 @@ class StreamReceiveMixin {
   // Takes bytes off the front of the block until a line is complete, which it moves out; false when
   // the block is used up.
   bool NextLine(std::span<const uint8_t>* bytes, std::string* line);
-  void FeedMatcher(std::span<const uint8_t> bytes);
+  void FeedMatcher(pscDomain* domain, std::span<const uint8_t> bytes);
 
   MessageSourceBase m_line_port;
   MessageSourceBase m_byte_port;
@@ -74,10 +74,11 @@ class StreamReceiveMixin {
   std::string m_receive_eol = "\r\n";  // guarded by m_eol_mutex
   std::string m_line;                  // begun, not complete; the receiving thread's
 
-  // Held while the matcher is fed, which may take the collector lock; so the collector's hooks use
+  // Held while the matcher is fed, and the collector lock inside it; so the collector's hooks use
   // m_matcher alone.
   std::mutex m_feed_mutex;
   GuardedObjectRef m_matcher;
+  const KelvoIfStreamReceiveObserver* m_observer = nullptr;  // guarded by m_feed_mutex
 };
 
 template <class Sender>
@@ -96,7 +97,7 @@ void StreamReceiveMixin::Receive(Sender& sender, std::span<const uint8_t> bytes)
     m_line.clear();
   }
   if (!bytes.empty()) m_byte_array_port.PostMessage<StreamByteArrayEventInstance>(sender, bytes);
-  FeedMatcher(bytes);
+  FeedMatcher(sender.GetDomain(), bytes);
 }
 
 template <class Event, class Sender, class... Params>

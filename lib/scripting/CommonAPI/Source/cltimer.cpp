@@ -116,8 +116,6 @@ void TimerInstance::Stop() {
   m_kind = Kind::kNone;
 }
 
-// The script may drop the timer while the event is on its way, and with the event's user data the
-// last reference may go here: nothing follows the posting.
 void TimerInstance::Fire() {
   Kind absolute = Kind::kAbsolute;
   m_kind.compare_exchange_strong(absolute, Kind::kNone);

@@ -22,9 +22,20 @@ bool MessageSourceBase::HasPort() const {
   return m_methods != nullptr;
 }
 
-bool MessageSourceBase::Post(const KelvoObjectRef& event) {
+bool MessageSourceBase::IsListenedTo() const {
   const std::lock_guard lock(m_mutex);
-  return m_methods != nullptr && m_methods->PostMessage(m_port.Get(), event.Get());
+  return m_methods != nullptr && m_methods->HasRoom(m_port.Get());
+}
+
+bool MessageSourceBase::Post(KelvoObjectRef event) {
+  pscInstance* message = event.Release();
+  {
+    const std::lock_guard lock(m_mutex);
+    if (m_methods != nullptr && m_methods->PostMessage(m_port.Get(), message)) return true;
+  }
+  // Its user data may lead to the sender, whose destructor would wait for the thread it runs on.
+  pscLeaveToScript(message);
+  return false;
 }
 
 void MessageSourceBase::EnumReferences(const KelvoReferenceVisitor& visit) const {

@@ -31,9 +31,8 @@ KelvoListCreator::KelvoListCreator(pscDomain* domain)
     : KelvoContainerCreator(domain, psNewList(domain)) {}
 
 void KelvoListCreator::Push(KelvoTypedValue value) {
-  const int32_t count = psListCount(m_container.Get());
-  psListAddTail(m_container.Get(), value.Release());
-  if (psListCount(m_container.Get()) == count) throw std::bad_alloc();
+  if (!psListTryAddTail(m_container.Get(), value.Get())) throw std::bad_alloc();
+  (void)value.Release();
 }
 
 KelvoAssocArrayCreator::KelvoAssocArrayCreator(pscDomain* domain)

@@ -12,12 +12,13 @@ void StreamReceiveMixin::SetReceiveEol(const KelvoTypedValue& eol) {
 }
 
 bool StreamReceiveMixin::SetMatcher(pscInstance* matcher) {
-  const bool observes =
-      matcher != nullptr && pscGetMethods(matcher, "ifStreamReceiveObserver") != nullptr;
+  const void* methods =
+      matcher != nullptr ? pscGetMethods(matcher, "ifStreamReceiveObserver") : nullptr;
   KelvoObjectRef before;  // released without the lock
   const std::lock_guard lock(m_feed_mutex);
   before = m_matcher.Get();
-  m_matcher.Set(observes ? KelvoObjectRef(matcher) : KelvoObjectRef());
+  m_matcher.Set(methods != nullptr ? KelvoObjectRef(matcher) : KelvoObjectRef());
+  m_observer = static_cast<const KelvoIfStreamReceiveObserver*>(methods);
   return true;
 }
 
@@ -43,14 +44,14 @@ bool StreamReceiveMixin::NextLine(std::span<const uint8_t>* bytes, std::string* 
   return false;
 }
 
-void StreamReceiveMixin::FeedMatcher(std::span<const uint8_t> bytes) {
-  KelvoObjectRef matcher;  // released without the lock
+void StreamReceiveMixin::FeedMatcher(pscDomain* domain, std::span<const uint8_t> bytes) {
   const std::lock_guard lock(m_feed_mutex);
-  matcher = m_matcher.Get();
-  if (!matcher) return;
-  const void* methods = pscGetMethods(matcher.Get(), "ifStreamReceiveObserver");
-  static_cast<const KelvoIfStreamReceiveObserver*>(methods)->Receive(matcher.Get(), bytes.data(),
-                                                                     bytes.size());
+  if (m_observer == nullptr) return;
+  // Only the collector can take the matcher away now, and with it what this thread must not
+  // destroy: the matcher's port and its events may lead back to the stream.
+  const CollectorLock collector_lock(domain);
+  const KelvoObjectRef matcher = m_matcher.Get();
+  if (matcher) m_observer->Receive(matcher.Get(), bytes.data(), bytes.size());
 }
 
 void StreamReceiveMixin::EnumReferences(const KelvoReferenceVisitor& visit) const {

@@ -205,12 +205,7 @@ void AddHead(pscInstance* self, psTypedValue value) {
 }
 
 void AddTail(pscInstance* self, psTypedValue value) {
-  psValueList* me = listOf(self);
-  {
-    const psGuard guard(me->lock);
-    if (append(me, value)) return;
-  }
-  ReleaseValue(&value);
+  if (!psListTryAddTail(self, value)) ReleaseValue(&value);
 }
 
 bool ResetIndex(pscInstance* self) {
@@ -399,5 +394,11 @@ constinit pscClass clList = [] {
 pscInstance* psNewList(pscDomain* domain) { return pscNewComponentByClass(domain, &clList); }
 
 void psListAddTail(pscInstance* list, psTypedValue value) { AddTail(list, value); }
+
+bool psListTryAddTail(pscInstance* list, psTypedValue value) {
+  psValueList* me = listOf(list);
+  const psGuard guard(me->lock);
+  return append(me, value);
+}
 
 int32_t psListCount(pscInstance* list) { return Count(list); }

@@ -23,4 +23,6 @@ struct psValueList {
 pscInstance* psNewList(pscDomain* domain);
 // Appends; takes the value over, and drops it when memory is refused. Takes the list's lock.
 void psListAddTail(pscInstance* list, psTypedValue value);
+// The same, but false, and the value stays the caller's, when memory is refused.
+bool psListTryAddTail(pscInstance* list, psTypedValue value);
 int32_t psListCount(pscInstance* list);

@@ -50,10 +50,11 @@ pscInstance* objectOf(const psTypedValue& v) {
   return nullptr;
 }
 
-void post(MessagePort* me, pscInstance* message) {
-  pscAddRef(message);
-  psListAddTail(me->queue, psObjectValue(message));
+// Takes the message over unless memory is refused.
+bool post(MessagePort* me, pscInstance* message) {
+  if (!psListTryAddTail(me->queue, psObjectValue(message))) return false;
   me->event.Set();
+  return true;
 }
 
 // --- ifMessagePort ----------------------------------------------------------------------------
@@ -91,16 +92,19 @@ pscInstance* WaitMessage(pscInstance* self, int32_t timeout) {
   pscInstance* message = GetMessage(self);
   if (message != nullptr) return message;
   psHooks().beforeBlocking();
+  pscReleaseLeft(self->domain);
   while (message == nullptr && waitForEvent(self, timeout)) message = GetMessage(self);
   portOf(self)->woken.store(false);
   return message;
 }
 
 void PostMessage(pscInstance* self, pscInstance* message) {
-  if (message != nullptr) post(portOf(self), message);
+  if (message == nullptr) return;
+  pscAddRef(message);
+  if (!post(portOf(self), message)) pscSubRef(message);
 }
 
-bool PostEvent(pscInstance* self, pscInstance* message) {
+bool HasRoom(pscInstance* self) {
   MessagePort* me = portOf(self);
   const int32_t waiting = psListCount(me->queue);
   if (waiting >= kPsMaxWaitingEvents) {
@@ -110,8 +114,11 @@ bool PostEvent(pscInstance* self, pscInstance* message) {
     return false;
   }
   if (waiting < kPsMaxWaitingEvents / 2) me->overflowing.store(false, std::memory_order_relaxed);
-  post(me, message);
   return true;
+}
+
+bool PostEvent(pscInstance* self, pscInstance* message) {
+  return HasRoom(self) && post(portOf(self), message);
 }
 
 pscInstance* PeekMessage(pscInstance* self) {
@@ -168,7 +175,7 @@ constexpr fundes kEnumFunctions[] = {
 };
 constexpr fundes kDebugFunctions[] = {{}};
 
-constexpr psIfMessagePort kPortMethods = {GetMessage, WaitMessage, PostEvent, PeekMessage};
+constexpr psIfMessagePort kPortMethods = {GetMessage, WaitMessage, PostEvent, PeekMessage, HasRoom};
 constexpr psIfEnum kEnumMethods = {Reset, Next, IsNext, IsEmpty};
 constexpr psIfDebug kDebugMethods = {Stopped, Running};
 

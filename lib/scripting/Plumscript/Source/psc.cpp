@@ -197,6 +197,8 @@ void pscUninitDomain(pscDomain* domain) {
   psAssertText(domain->magic == kPscDomainMagic, "domain->magic == 0xd002a14e");
   for (pscInstance* instance : domain->kept) pscSubRef(instance);
   domain->kept.clear();
+  while (pscReleaseLeft(domain)) {
+  }
   const pscListLock lock;
   if (domain->list.empty()) return;
   pscPrint("Still extant object instances:\n");
@@ -329,6 +331,22 @@ pscInstance* pscNewComponentByClass(pscDomain* domain, pscClass* cl) {
   if (built) return instance;
   pscDiscardInstance(instance);
   return nullptr;
+}
+
+void pscLeaveToScript(pscInstance* instance) {
+  pscDomain* domain = instance->domain;
+  const std::lock_guard lock(domain->left_lock);
+  domain->left.push_back(instance);
+}
+
+bool pscReleaseLeft(pscDomain* domain) {
+  std::vector<pscInstance*> left;
+  {
+    const std::lock_guard lock(domain->left_lock);
+    left.swap(domain->left);
+  }
+  for (pscInstance* instance : left) pscSubRef(instance);
+  return !left.empty();
 }
 
 pscInstance* pscNewComponentByName(pscDomain* domain, const char* name) {

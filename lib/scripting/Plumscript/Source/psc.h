@@ -157,10 +157,13 @@ struct psIfAssociativeArray {
 struct psIfMessagePort {
   pscInstance* (*GetMessage)(pscInstance*);  // handed over, or null
   pscInstance* (*WaitMessage)(pscInstance*, int32_t milliseconds);
-  // Takes a reference of its own. Any thread, never blocks on the script. False: dropped, the
-  // script has let too many messages pile up.
+  // Takes the caller's reference over: the script may be done with the message before this returns.
+  // False, and the reference stays the caller's, when there is no room or no memory. Any thread,
+  // never blocks on the script.
   bool (*PostMessage)(pscInstance*, pscInstance* message);
   pscInstance* (*PeekMessage)(pscInstance*);
+  // False, which is logged once, when the script has let too many messages pile up. Any thread.
+  bool (*HasRoom)(pscInstance*);
 };
 // ifDebug: told when the script stops running and when it runs again. Called with
 // psc_ref_and_list_lock held.
@@ -252,6 +255,8 @@ struct pscDomain {
   // Instances that a conversion to Function has left with the reference they had; given back when
   // the domain ends.
   std::vector<pscInstance*> kept;
+  std::mutex left_lock;
+  std::vector<pscInstance*> left;  // see pscLeaveToScript; guarded by left_lock
 };
 
 extern psRecursiveLock psc_ref_and_list_lock;
@@ -334,6 +339,13 @@ inline void pscSubRef(pscInstance* instance) {
   psAssertText(before > 0, "inst->ref_cnt > 0");
   if (before == 1) pscDestroyInstance(instance);
 }
+
+// A reference that another thread than the script's has no use for any more. Were it the last one,
+// releasing it there would run a destructor there, which may wait for that very thread. So the
+// script's thread gets the reference, and releases it when it waits for messages, collects or ends.
+void pscLeaveToScript(pscInstance* instance);
+// Releases what was left. On the script's thread; false when there was nothing.
+bool pscReleaseLeft(pscDomain* domain);
 
 inline void ReleaseValue(const psTypedValue* v) {
   if ((v->type_flags & kPsCountedFlags) && v->value.psc != nullptr) pscSubRef(v->value.psc);

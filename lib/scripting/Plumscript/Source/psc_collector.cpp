@@ -184,7 +184,15 @@ class Collector {
 
 pscCollection pscGarbageCollect(pscDomain* domain) {
   psAssertText(domain->magic == kPscDomainMagic, "domain->magic == 0xd002a14e");
-  pscForbidGarbageCollector(domain);
+  // Threads leave references behind under the collector lock. One that was missed would keep its
+  // cycle, and after a script's end there is no later collection.
+  for (bool missed = true; missed;) {
+    pscReleaseLeft(domain);
+    pscForbidGarbageCollector(domain);
+    const std::lock_guard lock(domain->left_lock);
+    missed = !domain->left.empty();
+    if (missed) pscPermitGarbageCollector(domain);
+  }
   Collector collector(domain);
   const pscCollection found = collector.run();
   collector.releaseLock();
