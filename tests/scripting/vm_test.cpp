@@ -358,6 +358,15 @@ TEST_F(VmTest, ListingStopsAtABreak) {
   EXPECT_LT(outcome.out.size(), 20u);
 }
 
+TEST_F(VmTest, BreakInAnEnumerationThatWaitsIsNoMessage) {
+  ASSERT_TRUE(
+      Compile("sub main()\nport = CreateObject(\"koMessagePort\")\nprint 0\n"
+              "for each message in port\nprint message\nnext\nend sub\n"));
+  const Outcome outcome = RunWhile([&] { scriptBreak(m_process, kPsBreak); });
+  EXPECT_EQ(outcome.status, kPsBreak);
+  EXPECT_EQ(outcome.out, " 0\n");
+}
+
 // --- Programs that run programs ---------------------------------------------------------------
 
 class NestedRun : public VmTest {

@@ -384,7 +384,11 @@ L_Next : {
 
 L_ForEach:
   switch (enterForEach(sp - 1, &locals[ip->a], &status)) {
-    case Each::kBody: sp++; NEXT;
+    case Each::kBody:
+      sp++;
+      ip++;
+      if (turn(p)) goto break_seen;  // it may have waited for a message
+      DISPATCH;
     case Each::kSkipOne: ip += ip->jump + 1; DISPATCH;
     case Each::kSkipTwo:
       sp--;
