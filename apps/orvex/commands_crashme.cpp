@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cassert>
 #include <charconv>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -32,6 +33,7 @@
 #include "lib/platform/errno_exception.h"
 #include "lib/platform/log.h"
 #include "lib/platform/spawn_process.h"
+#include "lib/platform/watched_scope.h"
 
 namespace commands {
 
@@ -42,6 +44,9 @@ constexpr unsigned kThreads = 16;
 constexpr size_t kPieceKiB = 1024;
 // What a process in a root may take before memory counts as exhausted.
 constexpr rlim_t kRootMemory = rlim_t{256} << 20;
+// When the watchdog notices the loop that nothing else would end, where another processor still
+// runs its thread; it then gives up after as long again.
+constexpr std::chrono::seconds kStarvationLimit{10};
 
 // Keeps the compiler from seeing what comes of the mistakes below.
 volatile uintptr_t g_null = 0;
@@ -115,6 +120,8 @@ void Starve(const CommandLine& command, int policy) {
   command.Print("Setting scheduler policy {}", policy);
   command.shell.Flush();
   if (lattix::InDeviceRoot()) DieInstead("loops for ever at a real-time priority");
+  const watchdog::EarlyWarningWatchedScope watched("crashme", kStarvationLimit,
+                                                   [] { lattix::Log("Watchdog early warning\n"); });
   const sched_param priority = {sched_get_priority_max(policy)};
   if (sched_setscheduler(0, policy, &priority) != 0) {
     throw lattix::ErrnoException(errno, "sched_setscheduler");
