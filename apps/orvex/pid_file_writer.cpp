@@ -16,6 +16,7 @@
 #include "lib/platform/errno_exception.h"
 #include "lib/platform/firmware_version.h"
 #include "lib/platform/log.h"
+#include "lib/scripting/script_bootstrap.h"
 
 using lattix::Log;
 using lattix::LogUnlessBlocked;
@@ -41,6 +42,8 @@ void PidFileWriter::EndAtOnce(int status) {
   // Taken out and not destroyed: another thread may be calling it.
   if (HtmlRendererLauncher* launcher = HtmlRendererSlot::Take().release()) launcher->EndRenderer();
   LogUnlessBlocked("{}", RemovePidFile());
+  // The kernel ends the supervisor with this process, but not what the supervisor has started.
+  Bootstrap::KillAtOnce();
   ::_exit(status);
 }
 

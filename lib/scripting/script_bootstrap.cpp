@@ -151,6 +151,11 @@ void Bootstrap::Kill() {
   LATTIX_ASSERT_TEXT(ended, "Failed to kill running bootstrap");
 }
 
+void Bootstrap::KillAtOnce() {
+  sm_process_ends = true;
+  if (const pid_t group = sm_group) ::kill(-group, SIGKILL);
+}
+
 void Bootstrap::Alive() {
   const std::lock_guard lock(m_lock);
   m_alive = true;
@@ -168,6 +173,7 @@ void Bootstrap::Run() {
     Bootstrap& bootstrap;
     ~Ending() {
       bootstrap.m_watchdog.reset();
+      sm_group = 0;
       const std::lock_guard lock(bootstrap.m_lock);
       bootstrap.m_process.Reset();
       bootstrap.m_running = false;
@@ -197,7 +203,7 @@ void Bootstrap::Supervise() {
   const AlivePipe alive(account);
   if (alive.fd() >= 0) child.AddEnvironment(kAliveVariable, alive.path());
 
-  child.Execute(flags);
+  sm_group = child.Execute(flags);
   UniqueFd process(static_cast<int>(::syscall(SYS_pidfd_open, child.GetPid(), 0)));
   if (!process) {
     const int error = errno;
@@ -234,6 +240,8 @@ void Bootstrap::Supervise() {
       if (is_alive) NoteAlive();
     }
     if (fds[0].revents) {
+      // Not this end is to be judged: it comes from the process's own.
+      while (sm_process_ends) ::pause();
       const int status = child.Wait();
       if (status != 0) throw std::runtime_error(DescribeStatus(m_options.program, status));
       return;

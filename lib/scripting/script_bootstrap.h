@@ -6,6 +6,9 @@
 // however the player ends. What a supervisor may rely on is in docs/supervisor.md.
 #pragma once
 
+#include <sys/types.h>
+
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -61,6 +64,11 @@ class Bootstrap : OnlyOne<Bootstrap> {
   // Asks for the same and returns at once. From any thread, Run's too, not from a signal handler.
   void RequestEnd();
 
+  // Kills the supervisor that is running in this process, if any, with all that it has started: for
+  // a process that is about to end at once. Takes no lock and waits for nothing; from any thread. A
+  // Run under way does not return any more.
+  static void KillAtOnce();
+
   // The supervisor is alive: what its reports over other ways than its pipe come down to. From any
   // thread.
   void Alive();
@@ -88,6 +96,11 @@ class Bootstrap : OnlyOne<Bootstrap> {
   lattix::UniqueFd m_process;
 
   std::unique_ptr<BootstrapWatchdog> m_watchdog;  // touched by the thread in Run only
+
+  // The running supervisor's process group; 0 for none. It goes after the child was collected,
+  // which is too soon for its number to name another one.
+  inline static std::atomic<pid_t> sm_group{0};
+  inline static std::atomic<bool> sm_process_ends{false};
 };
 
 // The answer to a device whose own supervisor does not work: prints "Forcing crash\n" and writes 4

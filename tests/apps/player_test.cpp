@@ -253,13 +253,29 @@ TEST_F(PlayerTest, ASupervisorThatEndsEndsThePlayer) {
   EXPECT_EQ(42, player.Finish());
 }
 
-TEST_F(PlayerTest, SigintEndsASupervisedPlayerInOrder) {
-  Write("/storage/sys/bootstrap.js", "setInterval(() => {}, 1000); console.log('up')\n");
-  Player player = WithoutTerminal();
-  ASSERT_TRUE(player.Expect("up"));
-  player.Signal(SIGINT);
-  EXPECT_EQ(130, player.Finish());
-  EXPECT_THAT(player.err, HasSubstr("Orvex application tarsk-9.0.0 exit\n"));
+TEST_F(PlayerTest, ASupervisorEndsWithThePlayerAndSoDoesWhatItStarted) {
+  struct Row {
+    int signal;
+    int status;
+    const char* line;
+  };
+  for (const Row& row : {Row{SIGINT, 130, "Orvex application tarsk-9.0.0 exit\n"},
+                         Row{SIGTERM, 43, "Orvex application tarsk-9.0.0 fast exit\n"}}) {
+    Write("/storage/sys/bootstrap.js",
+          "const child = require('child_process').spawn('sleep', ['1000']);\n"
+          "console.log(child.pid + ' is up')\n");
+    Player player = WithoutTerminal();
+    ASSERT_TRUE(player.Expect(" is up"));
+    pollfd child = {static_cast<int>(::syscall(SYS_pidfd_open, std::stoi(player.out), 0)), POLLIN,
+                    0};
+    player.Signal(row.signal);
+    EXPECT_EQ(row.status, player.Finish());
+    EXPECT_EQ(1, ::poll(&child, 1, 20'000));
+    ::close(child.fd);
+    EXPECT_THAT(player.err, HasSubstr(row.line));
+    // It was asked to end, or did so with the player: no failure.
+    EXPECT_THAT(player.err, Not(HasSubstr("Bootstrap failure")));
+  }
 }
 
 // --- The presentation's end -------------------------------------------------------------------
