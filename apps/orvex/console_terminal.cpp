@@ -47,6 +47,19 @@ void RestoreConsoleTerminal() {
   }
 }
 
+FlowingOutput::FlowingOutput() { lattix::SignalDispatcher::GetInstance().Attach(SIGINT, this); }
+
+FlowingOutput::~FlowingOutput() { lattix::SignalDispatcher::GetInstance().Detach(SIGINT, this); }
+
+void FlowingOutput::OnSignal(const siginfo_t&) {
+  // The driver signals first and throws away then, with its settings locked meanwhile: who has read
+  // them comes after it. Starting what was stopped wakes those who wait.
+  termios terminal;
+  if (::tcgetattr(STDIN_FILENO, &terminal) != 0) return;
+  ::tcflow(STDIN_FILENO, TCOOFF);
+  ::tcflow(STDIN_FILENO, TCOON);
+}
+
 ProgramTerminal::ProgramTerminal() : m_terminal(::tcgetattr(STDIN_FILENO, &m_before) == 0) {
   if (!m_terminal) return;
   termios lines = m_before;

@@ -214,6 +214,7 @@ int RunPlayer() {
   std::set_terminate(lattix::TerminateHandler);
   lattix::SignalDispatcher signal_dispatcher;
   PidFileWriter pid_file_writer;
+  const FlowingOutput flowing_output;
   return StoppingMarkerExists() ? kExitTerminated : RunSupervised();
 }
 
