@@ -34,11 +34,7 @@ std::string RemovePidFile() {
 }  // namespace
 
 void PidFileWriter::EndAtOnce(int status) {
-  try {
-    MuteAudioLines();
-  } catch (const std::exception& e) {
-    LogUnlessBlocked("Failed to mute the audio output: {}\n", e.what());
-  }
+  MuteAudioLines();
   // Taken out and not destroyed: another thread may be calling it.
   if (HtmlRendererLauncher* launcher = HtmlRendererSlot::Take().release()) launcher->EndRenderer();
   LogUnlessBlocked("{}", RemovePidFile());

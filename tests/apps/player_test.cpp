@@ -153,8 +153,12 @@ TEST_F(PlayerTest, ExitEndsAScriptThatIsStillPlaying) {
   Autorun("Sub Main()\n  Print \"playing\"\n  While True\n  End While\nEnd Sub\n");
   Player player = OnTerminal();
   ASSERT_TRUE(player.Expect("playing"));
+  // A line that has gone is no reason to end in another way, or to leave the other one.
+  fs::remove_all(m_root / "sys/class/gpio/gpio52");
   player.Type("exit\r");
   EXPECT_EQ(42, player.Finish());
+  EXPECT_THAT(player.err, HasSubstr("Failed to drive orvex/audio-mute-gpio: No such file"));
+  EXPECT_EQ("out1", AudioLines());
 }
 
 // --- SIGTERM ----------------------------------------------------------------------------------
