@@ -7,6 +7,7 @@
 
 #include "lib/platform/device_path.h"
 #include "lib/platform/errno_exception.h"
+#include "lib/platform/write_all.h"
 
 namespace lattix {
 
@@ -42,14 +43,7 @@ std::string ReadDeviceFile(const std::string& device_path) {
 
 void WriteDeviceFile(const std::string& device_path, std::string_view content) {
   UniqueFd fd = OpenDevice(device_path, O_WRONLY | O_CREAT | O_TRUNC);
-  while (!content.empty()) {
-    const ssize_t n = ::write(fd.Get(), content.data(), content.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw ErrnoException(errno, device_path);
-    }
-    content.remove_prefix(static_cast<size_t>(n));
-  }
+  if (!WriteAll(fd.Get(), content)) throw ErrnoException(errno, device_path);
   if (::fsync(fd.Get()) != 0 && errno != EINVAL && errno != EROFS) {
     throw ErrnoException(errno, device_path);
   }

@@ -9,24 +9,9 @@
 
 #include "lib/platform/device_path.h"
 #include "lib/platform/errno_exception.h"
+#include "lib/platform/write_all.h"
 
 namespace lattix {
-
-namespace {
-
-void WriteAndSync(int fd, std::string_view content, const std::string& device_path) {
-  while (!content.empty()) {
-    const ssize_t n = ::write(fd, content.data(), content.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw ErrnoException(errno, device_path);
-    }
-    content.remove_prefix(static_cast<size_t>(n));
-  }
-  if (::fsync(fd) != 0) throw ErrnoException(errno, device_path);
-}
-
-}  // namespace
 
 UniqueFd ReplaceDeviceFile(const std::string& device_path, std::string_view content, mode_t mode) {
   const std::string path = DevicePath(device_path);
@@ -36,8 +21,10 @@ UniqueFd ReplaceDeviceFile(const std::string& device_path, std::string_view cont
   UniqueFd fd(::open(beside.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode));
   if (!fd) throw ErrnoException(errno, device_path);
   try {
-    WriteAndSync(fd.Get(), content, device_path);
-    if (::rename(beside.c_str(), path.c_str()) != 0) throw ErrnoException(errno, device_path);
+    if (!WriteAll(fd.Get(), content) || ::fsync(fd.Get()) != 0 ||
+        ::rename(beside.c_str(), path.c_str()) != 0) {
+      throw ErrnoException(errno, device_path);
+    }
   } catch (...) {
     ::unlink(beside.c_str());
     throw;

@@ -18,6 +18,7 @@
 #include "lib/platform/log.h"
 #include "lib/platform/monotonic_time.h"
 #include "lib/platform/registry_client.h"
+#include "lib/platform/write_all.h"
 
 namespace tracing {
 
@@ -41,18 +42,9 @@ std::string TraceFile() {
 
 // With the mutex held.
 void WriteBuffer() {
-  const char* at = g_buffer.data();
-  size_t left = g_buffer.size();
-  while (left > 0) {
-    const ssize_t n = ::write(g_file.Get(), at, left);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      lattix::Log("Tracing ends: {}\n", lattix::ErrorText(errno));
-      g_enabled = false;
-      break;
-    }
-    at += n;
-    left -= static_cast<size_t>(n);
+  if (!lattix::WriteAll(g_file.Get(), g_buffer)) {
+    lattix::Log("Tracing ends: {}\n", lattix::ErrorText(errno));
+    g_enabled = false;
   }
   g_written += g_buffer.size();
   g_buffer.clear();

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "lib/platform/errno_exception.h"
+#include "lib/platform/write_all.h"
 
 namespace {
 
@@ -92,16 +93,6 @@ bool IsFileOrFolder(zip_t* zip, zip_uint64_t index) {
   if (system != ZIP_OPSYS_UNIX && system != ZIP_OPSYS_OS_X) return true;
   const mode_t type = (attributes >> 16) & S_IFMT;
   return type == 0 || type == S_IFREG || type == S_IFDIR;
-}
-
-void WriteAll(int fd, const char* bytes, size_t n) {
-  while (n > 0) {
-    const ssize_t written = ::write(fd, bytes, n);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) throw lattix::ErrnoException(errno);
-    bytes += written;
-    n -= static_cast<size_t>(written);
-  }
 }
 
 // Opens a folder beneath the target, one component after the other. With `made` the missing ones
@@ -224,7 +215,9 @@ void ZipArchive::Impl::ExtractFile(const Entry& entry, int fd, const std::stop_t
     if (n == 0) break;
     if (static_cast<uint64_t>(n) > left) Refuse(Joined(entry.path), "is larger than it says");
     left -= static_cast<uint64_t>(n);
-    WriteAll(fd, block.get(), static_cast<size_t>(n));
+    if (!lattix::WriteAll(fd, {block.get(), static_cast<size_t>(n)})) {
+      throw lattix::ErrnoException(errno);
+    }
   }
   if (left > 0) Refuse(Joined(entry.path), "is smaller than it says");
 }
