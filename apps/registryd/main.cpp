@@ -57,14 +57,8 @@ void ServeUntilSignal(sdbus::IConnection& bus, int signals) {
   }
 }
 
-// A machine's own bus lies outside a device root: in one, the bus has to be named on purpose.
-bool BusIsNamed() {
-  const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-  return address != nullptr && *address != '\0';
-}
-
 int Serve() {
-  if (lattix::InDeviceRoot() && !BusIsNamed()) {
+  if (!lattix::MayUseSystemBus()) {
     Log("orvex-registryd: in a device root DBUS_SYSTEM_BUS_ADDRESS has to name the bus\n");
     return kExitFailure;
   }

@@ -50,6 +50,11 @@ std::string DeviceRoot() {
 
 bool InDeviceRoot() { return !DeviceRoot().empty(); }
 
+bool MayUseSystemBus() {
+  const char* named = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+  return !InDeviceRoot() || (named != nullptr && *named != '\0');
+}
+
 std::string DevicePath(std::string_view device_path) {
   if (device_path.empty() || device_path.front() != '/') return std::string(device_path);
   return DeviceRoot().append(device_path);

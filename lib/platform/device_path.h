@@ -25,6 +25,10 @@ std::string DeviceRoot();
 // Whether this process plays inside a device root, so must not touch the machine it runs on.
 bool InDeviceRoot();
 
+// Whether this process may talk to the system bus: the machine's own bus lies outside a device
+// root, so in one DBUS_SYSTEM_BUS_ADDRESS has to name a bus on purpose.
+bool MayUseSystemBus();
+
 // Makes the root of a process that was given none: called at most once, by the first use of a
 // device path, if ORVEX_ROOT is unset or empty; what it returns is the root as if SetDeviceRoot had
 // been called. It must not use device paths itself. To be set before that first use, while no other

@@ -2,14 +2,11 @@
 //
 // The service on the bus comes first: it is the one owner of the settings on a device. Where it is
 // not to be had, the store works as well, because several processes on one store keep out of each
-// other's way. In a device root the store is the rule: the machine's own bus lies outside the root,
-// so it is asked only if the environment names one on purpose.
+// other's way. In a device root, whose bus has to be named on purpose, the store is the rule.
 //
 // The bus client is reached through a pointer that the program sets, since the bus library would
 // cost programs that never talk to a bus a good part of their start.
 #include "lib/platform/registry_client.h"
-
-#include <cstdlib>
 
 #include "lib/platform/device_path.h"
 #include "lib/platform/log.h"
@@ -19,15 +16,10 @@ namespace {
 
 RegistryClient* (*g_find_on_bus)(std::string* why_not) = nullptr;
 
-bool BusIsToBeAsked() {
-  const char* named = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-  return !lattix::InDeviceRoot() || (named != nullptr && *named != '\0');
-}
-
 RegistryClient& Choose() {
   if (g_find_on_bus == nullptr) return GetRegistryUnprivilegedClient();
   std::string why_not = "in a device root";
-  if (BusIsToBeAsked()) {
+  if (lattix::MayUseSystemBus()) {
     if (RegistryClient* client = g_find_on_bus(&why_not)) {
       lattix::Log("Registry: the service on the bus\n");
       return *client;
