@@ -129,7 +129,7 @@ int NsLookup(const CommandLine& command) {
 int FlushDns(const CommandLine& command) {
   if (command.argument_count() != 0) return command.Usage();
   if (!lattix::InDeviceRoot()) {
-    sdbus::IConnection* const bus = EnsureDBusDispatcher::Connection();
+    const std::shared_ptr<sdbus::IConnection> bus = EnsureDBusDispatcher::Connection();
     if (bus == nullptr) throw std::runtime_error("no system bus");
     sdbus::createProxy(*bus, "org.freedesktop.resolve1", "/org/freedesktop/resolve1")
         ->callMethod("FlushCaches")
@@ -148,7 +148,7 @@ int WifiScan(const CommandLine& command) {
   }
   command.shell.Puts("Scanning...\r");
   command.shell.Flush();
-  sdbus::IConnection* const bus = EnsureDBusDispatcher::Connection();
+  const std::shared_ptr<sdbus::IConnection> bus = EnsureDBusDispatcher::Connection();
   if (bus == nullptr) throw std::runtime_error("no system bus");
   try {
     Scan(command, *bus, *interface);

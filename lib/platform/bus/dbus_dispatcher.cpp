@@ -1,13 +1,16 @@
-// The dispatcher is shared by the guards and by its thread. A thread that does not end keeps its
-// share, so what it still uses stays until the process ends.
+// The dispatcher is shared by the guards, by its thread and by those who hold its connection. A
+// thread that does not end keeps its share, so what it still uses stays until the process ends.
+//
+// A connection is never mended: its thread marks it lost and ends, and the next who asks for one
+// gets another dispatcher.
 #include "lib/platform/bus/dbus_dispatcher.h"
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <future>
-#include <memory>
+#include <mutex>
 #include <thread>
 
 #include "lib/platform/device_path.h"
@@ -25,15 +28,13 @@ struct Dispatcher {
   std::unique_ptr<sdbus::IConnection> connection;
   std::thread thread;
   std::promise<void> ended;
+  std::atomic<bool> lost{false};
 };
 
+std::mutex g_mutex;  // guards what follows
 std::shared_ptr<Dispatcher> g_dispatcher;
 int g_guards = 0;
-
-bool MayHaveBus() {
-  const char* address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-  return !lattix::InDeviceRoot() || (address != nullptr && *address != '\0');
-}
+bool g_with_thread = false;
 
 void Serve(const std::shared_ptr<Dispatcher>& dispatcher) {
   lattix::SetThreadName("DBusDispatcher");
@@ -41,14 +42,18 @@ void Serve(const std::shared_ptr<Dispatcher>& dispatcher) {
     dispatcher->connection->enterEventLoop();
   } catch (const std::exception& e) {
     Log("The connection to the bus is lost: {}\n", e.what());
+    dispatcher->lost = true;
   }
   dispatcher->ended.set_value();
 }
 
-}  // namespace
-
-EnsureDBusDispatcher::EnsureDBusDispatcher(bool with_thread) {
-  if (g_guards++ == 0 && MayHaveBus()) {
+// Makes the dispatcher what the guards ask for, as far as there is a bus. With the mutex held.
+void Ensure() {
+  if (g_dispatcher != nullptr && g_dispatcher->lost) {
+    g_dispatcher->thread.detach();  // at its end, and with a share of its own
+    g_dispatcher = nullptr;
+  }
+  if (g_dispatcher == nullptr && lattix::MayUseSystemBus()) {
     auto dispatcher = std::make_shared<Dispatcher>();
     try {
       dispatcher->connection = sdbus::createSystemBusConnection();
@@ -57,15 +62,30 @@ EnsureDBusDispatcher::EnsureDBusDispatcher(bool with_thread) {
       Log("There is no bus: {}\n", e.getMessage());
     }
   }
-  if (with_thread && g_dispatcher != nullptr && !g_dispatcher->thread.joinable()) {
+  if (g_with_thread && g_dispatcher != nullptr && !g_dispatcher->thread.joinable()) {
     g_dispatcher->thread = std::thread(Serve, g_dispatcher);
   }
 }
 
+}  // namespace
+
+EnsureDBusDispatcher::EnsureDBusDispatcher(bool with_thread) {
+  const std::lock_guard guard(g_mutex);
+  const bool is_first = g_guards++ == 0;
+  const bool wants_thread = with_thread && !g_with_thread;
+  g_with_thread = g_with_thread || with_thread;
+  if (is_first || wants_thread) Ensure();
+}
+
 EnsureDBusDispatcher::~EnsureDBusDispatcher() {
-  if (--g_guards != 0 || g_dispatcher == nullptr) return;
-  const std::shared_ptr<Dispatcher> dispatcher = std::move(g_dispatcher);
-  if (!dispatcher->thread.joinable()) return;
+  std::shared_ptr<Dispatcher> dispatcher;
+  {
+    const std::lock_guard guard(g_mutex);
+    if (--g_guards != 0) return;
+    g_with_thread = false;
+    dispatcher = std::move(g_dispatcher);
+  }
+  if (dispatcher == nullptr || !dispatcher->thread.joinable()) return;
   dispatcher->connection->leaveEventLoop();
   if (dispatcher->ended.get_future().wait_for(kExitTimeout) == std::future_status::ready) {
     dispatcher->thread.join();
@@ -75,6 +95,9 @@ EnsureDBusDispatcher::~EnsureDBusDispatcher() {
   }
 }
 
-sdbus::IConnection* EnsureDBusDispatcher::Connection() {
-  return g_dispatcher == nullptr ? nullptr : g_dispatcher->connection.get();
+std::shared_ptr<sdbus::IConnection> EnsureDBusDispatcher::Connection() {
+  const std::lock_guard guard(g_mutex);
+  if (g_guards != 0) Ensure();
+  if (g_dispatcher == nullptr) return nullptr;
+  return {g_dispatcher, g_dispatcher->connection.get()};
 }
