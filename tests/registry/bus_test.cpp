@@ -169,6 +169,7 @@ class OddService {
     serve("Read", [](const std::string& error, const std::string&) -> std::string {
       throw sdbus::Error("org.orvex.Registry1.Error." + error, "the service's text");
     });
+    serve("KeyExists", [](const std::string&, const std::string&) -> bool { _exit(1); });
     object->finishRegistration();
     bus->requestName(registry_bus::kServiceName);
     if (write(ready, "", 1) != 1) _exit(1);
@@ -201,6 +202,15 @@ TEST(RegistryBus, TranslatesWhatTheServiceAnswers) {
   EXPECT_EQ("Registry full", failure([&] { client.Read("Full", "key"); }));
   EXPECT_EQ("the service's text", failure([&] { client.Read("Failed", "key"); }));
   EXPECT_THAT(failure([&] { client.Flush(); }), testing::HasSubstr("Flush"));
+}
+
+TEST(RegistryBus, MakesACallAgainThatTheServiceDidNotSurvive) {
+  const TemporaryRoot root;
+  RegistryStore().Write("section", "key", "value");
+  const PrivateBus bus(Service::kStartable);
+  const OddService service;
+  RegistryClientImpl client;
+  EXPECT_TRUE(client.KeyExists("section", "key"));
 }
 
 // The choice is made once a process, so each case gets a process of its own, which ends well when

@@ -1,8 +1,9 @@
 // One connection, one proxy, no thread: nothing comes from the service but replies, so the caller's
 // thread sends, waits and reads by itself, with the mutex held.
 //
-// An operation that met a lost connection is repeated once on a new one. That is right for all of
-// them: to write or delete twice is to do it once.
+// An operation that met a lost connection is repeated once on a new one, and one that the service
+// has not lived to answer is repeated once with the service that the bus then starts. That is right
+// for all of them: to write or delete twice is to do it once.
 #include "lib/platform/registry_bus/registry_client_impl.h"
 
 #include <sdbus-c++/sdbus-c++.h>
@@ -30,6 +31,11 @@ bool IsLostConnection(const sdbus::Error& error) {
     if (error.getName() == name) return true;
   }
   return false;
+}
+
+// What the bus answers in place of a service that went before it did.
+bool IsLostService(const sdbus::Error& error) {
+  return error.getName() == "org.freedesktop.DBus.Error.NoReply";
 }
 
 [[noreturn]] void Rethrow(const sdbus::Error& error) {
@@ -67,15 +73,14 @@ class RegistryClientImpl::Link {
 template <typename Operation>
 auto RegistryClientImpl::Call(Operation operation) {
   std::lock_guard guard(m_mutex);
-  for (;;) {
-    const bool is_new = m_link == nullptr;
+  for (bool repeated = false;; repeated = true) {
     try {
-      if (is_new) m_link = std::make_unique<Link>();
+      if (m_link == nullptr) m_link = std::make_unique<Link>();
       return operation(*m_link);
     } catch (const sdbus::Error& e) {
-      if (!IsLostConnection(e)) Rethrow(e);
-      m_link.reset();
-      if (is_new) Rethrow(e);
+      const bool lost_connection = IsLostConnection(e);
+      if (lost_connection) m_link.reset();
+      if (repeated || !(lost_connection || IsLostService(e))) Rethrow(e);
     }
   }
 }
@@ -178,17 +183,17 @@ void RegistryClientImpl::Flush() {
   Call([](Link& link) { link->Flush(); });
 }
 
-namespace {
-
 // Never destroyed: threads that outlive main() may still read a setting.
-RegistryClientImpl& SharedClient() {
+RegistryClientImpl& GetRegistryBusClient() {
   static auto& client = *new RegistryClientImpl;
   return client;
 }
 
+namespace {
+
 RegistryClient* FindOnBus(std::string* why_not) {
   try {
-    RegistryClientImpl& client = SharedClient();
+    RegistryClientImpl& client = GetRegistryBusClient();
     client.StartService();
     return &client;
   } catch (const std::exception& e) {
@@ -198,7 +203,5 @@ RegistryClient* FindOnBus(std::string* why_not) {
 }
 
 }  // namespace
-
-RegistryClient& GetRegistryBusClient() { return SharedClient(); }
 
 void UseRegistryBus() { SetRegistryBus(&FindOnBus); }

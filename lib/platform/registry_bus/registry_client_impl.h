@@ -10,8 +10,9 @@
 #include "lib/platform/registry_client.h"
 
 // Has a connection to the bus of its own, so that no other traffic delays an answer. Calls of
-// several threads are made one after the other. A connection that has been lost (the bus was
-// restarted) is made anew by the next call, and the bus starts a service that is gone, if it can.
+// several threads are made one after the other. Neither a bus nor a service that was restarted
+// shows: a lost connection is made anew, the bus starts a service that is gone, if it can, and the
+// call in which that comes out is made again.
 //
 // What cannot be carried over the bus, or would be refused there, is refused here already. Failures
 // of bus and service are Registry::Error with the bus's text; a service that takes longer than the
@@ -52,7 +53,7 @@ class RegistryClientImpl final : public RegistryClient {
 
 // The bus client that the process shares, made at the first call. Throws Registry::Error when the
 // bus cannot be reached. Callable from any thread.
-RegistryClient& GetRegistryBusClient();
+RegistryClientImpl& GetRegistryBusClient();
 
 // Makes the bus client a candidate for GetRegistryClient. Called by programs that link it, first
 // thing, while no other thread runs.
