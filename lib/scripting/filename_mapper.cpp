@@ -290,13 +290,12 @@ lattix::UniqueFd OpenBeneathDrive(const std::string& device_path, int flags, mod
   const UniqueFd root = OpenDriveRoot(drive);
   if (!root) return UniqueFd();
   if ((flags & (O_DIRECTORY | O_PATH)) != 0) return OpenBeneath(root.Get(), below, flags, mode);
-  // A FIFO on a medium must not hang the script that reads it.
   UniqueFd fd = OpenBeneath(root.Get(), below, flags | O_NONBLOCK | O_NOCTTY, mode);
   if (!fd) return fd;
   struct stat status;
   if (::fstat(fd.Get(), &status) != 0) return UniqueFd();
-  if (S_ISDIR(status.st_mode)) {
-    errno = EISDIR;
+  if (!S_ISREG(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     return UniqueFd();
   }
   if ((flags & O_NONBLOCK) == 0) ::fcntl(fd.Get(), F_SETFL, flags & ~O_NONBLOCK);
@@ -317,4 +316,10 @@ DriveEntry OpenDriveEntry(const std::string& device_path) {
   entry.name = slash == std::string::npos ? below : below.substr(slash + 1);
   entry.folder = OpenBeneath(root.Get(), folder, O_PATH | O_DIRECTORY, 0);
   return entry;
+}
+
+bool SyncFolder(const DriveEntry& entry) {
+  const UniqueFd folder(
+      entry.folder ? ::openat(entry.folder.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
+  return folder && (::fsync(folder.Get()) == 0 || errno == EINVAL);
 }

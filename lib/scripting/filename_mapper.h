@@ -113,8 +113,10 @@ class FilenameMapper : public lattix::Singleton<FilenameMapper> {
 // (errno EXDEV or ELOOP). The drive's root itself may be a link; the device decides where its
 // storages are. A device path that lies on no drive is ENOENT.
 
-// A descriptor, close-on-exec; invalid with errno set on failure. A folder is EISDIR unless flags
-// hold O_DIRECTORY. A FIFO never blocks the open.
+// A plain file as a descriptor, close-on-exec; invalid with errno set on failure. What else there
+// may be on a medium is refused, for a FIFO or a device could hold up whoever opens, reads or
+// writes it: a folder with EISDIR, unless flags hold O_DIRECTORY or O_PATH, the rest with ENXIO or
+// EINVAL.
 lattix::UniqueFd OpenBeneathDrive(const std::string& device_path, int flags, mode_t mode);
 
 // The folder that holds the last component of a path, for the calls that name an entry.
@@ -123,3 +125,7 @@ struct DriveEntry {
   std::string name;         // empty: the path is a drive's root
 };
 DriveEntry OpenDriveEntry(const std::string& device_path);
+
+// Makes the names in an entry's folder as durable as what they name; false with errno set. A file
+// system that cannot sync folders counts as synced.
+bool SyncFolder(const DriveEntry& entry);

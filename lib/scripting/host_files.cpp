@@ -14,6 +14,7 @@
 
 #include "lib/platform/device_path.h"
 #include "lib/platform/log.h"
+#include "lib/platform/write_all.h"
 
 namespace host_files {
 namespace {
@@ -44,17 +45,6 @@ mode_t EntryType(const DriveEntry& entry) {
   return status.st_mode & S_IFMT;
 }
 
-bool WriteAll(int fd, const char* bytes, size_t n) {
-  while (n > 0) {
-    const ssize_t written = ::write(fd, bytes, n);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    bytes += written;
-    n -= static_cast<size_t>(written);
-  }
-  return true;
-}
-
 bool CopyContent(int from, int to) {
   // The kernel copies without our seeing the bytes; where two file systems cannot, we do.
   bool copied_some = false;
@@ -75,27 +65,31 @@ bool CopyContent(int from, int to) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) return false;
     if (n == 0) return true;
-    if (!WriteAll(to, block.get(), static_cast<size_t>(n))) return false;
+    if (!lattix::WriteAll(to, {block.get(), static_cast<size_t>(n)})) return false;
   }
 }
 
-bool CopyBetween(const std::string& from_path, const DriveEntry& to) {
+enum class Durable { kNo, kYes };
+
+bool CopyBetween(const std::string& from_path, const DriveEntry& to, Durable durable) {
   if (EntryType(to) == S_IFDIR) return false;
-  UniqueFd from = OpenBeneathDrive(from_path, O_RDONLY, 0);
-  struct stat status;
-  if (!from || ::fstat(from.Get(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  const UniqueFd from = OpenBeneathDrive(from_path, O_RDONLY, 0);
+  if (!from) return false;
 
   static std::atomic<unsigned> counter{0};
   const std::string beside = ".copy-" + std::to_string(::getpid()) + "-" +
                              std::to_string(counter.fetch_add(1, std::memory_order_relaxed));
+  // Process ids come again: what one left when the power was cut must not stop the next.
+  ::unlinkat(to.folder.Get(), beside.c_str(), 0);
   UniqueFd copy(::openat(to.folder.Get(), beside.c_str(),
                          O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
   if (!copy) return false;
   bool done = CopyContent(from.Get(), copy.Get());
+  done = done && (durable == Durable::kNo || ::fsync(copy.Get()) == 0);
   done = ::close(copy.Release()) == 0 && done;
   done = done && ::renameat(to.folder.Get(), beside.c_str(), to.folder.Get(), to.name.c_str()) == 0;
   if (!done) ::unlinkat(to.folder.Get(), beside.c_str(), 0);
-  return done;
+  return done && (durable == Durable::kNo || SyncFolder(to));
 }
 
 struct CloseFolder {
@@ -157,7 +151,7 @@ bool CopyFile(const FilenameMapper& mapper, std::string_view from, std::string_v
   std::string from_path;
   if (!mapper.TryMap(from, &from_path)) return false;
   const DriveEntry entry = FindEntry(mapper, to);
-  return entry.folder && CopyBetween(from_path, entry);
+  return entry.folder && CopyBetween(from_path, entry, Durable::kNo);
 }
 
 bool MoveFile(const FilenameMapper& mapper, std::string_view from, std::string_view to) {
@@ -172,7 +166,7 @@ bool MoveFile(const FilenameMapper& mapper, std::string_view from, std::string_v
                  target.name.c_str()) == 0) {
     return true;
   }
-  return errno == EXDEV && CopyBetween(from_path, target) &&
+  return errno == EXDEV && CopyBetween(from_path, target, Durable::kYes) &&
          ::unlinkat(source.folder.Get(), source.name.c_str(), 0) == 0;
 }
 

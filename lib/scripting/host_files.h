@@ -22,8 +22,8 @@ bool CreateDirectory(const FilenameMapper& mapper, std::string_view name);
 // Copies a regular file, over an existing one if there is one. The copy is written beside its place
 // and renamed, so that what was there stays until the new content is complete.
 bool CopyFile(const FilenameMapper& mapper, std::string_view from, std::string_view to);
-// Renames a file, over an existing one if there is one; copies and deletes between drives. Folders
-// are refused.
+// Renames a file, over an existing one if there is one; between drives it copies, and deletes once
+// the copy is on the medium. Folders are refused.
 bool MoveFile(const FilenameMapper& mapper, std::string_view from, std::string_view to);
 
 // Inside a device root only; a device's own storage is the storage service's. The drive is named

@@ -3,8 +3,6 @@
 #include "lib/scripting/osal_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -26,16 +24,6 @@ int FlagsOf(std::string_view mode) {
   }
 }
 
-void SyncParent(const std::string& path) {
-  const DriveEntry entry = OpenDriveEntry(path);
-  const lattix::UniqueFd folder(
-      entry.folder ? ::openat(entry.folder.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
-  // EINVAL: a file system without folders to sync.
-  if (!folder || (::fsync(folder.Get()) != 0 && errno != EINVAL)) {
-    lattix::Log("Failed to sync parent directory in osalFileOpen: {}\n", lattix::ErrorText(errno));
-  }
-}
-
 }  // namespace
 
 FileStream osalFileOpen(std::string_view name, const char* mode) {
@@ -47,15 +35,12 @@ FileStream osalFileOpen(std::string_view name, const char* mode) {
   }
   const int flags = FlagsOf(mode);
   lattix::UniqueFd fd = OpenBeneathDrive(path, flags, kFileMode);
-  struct stat status;
-  if (!fd || ::fstat(fd.Get(), &status) != 0) return nullptr;
-  if (!S_ISREG(status.st_mode)) {
-    errno = EINVAL;
-    return nullptr;
-  }
+  if (!fd) return nullptr;
   FileStream stream(::fdopen(fd.Get(), mode));
   if (stream == nullptr) return nullptr;
   static_cast<void>(fd.Release());  // the stream's
-  if ((flags & O_ACCMODE) != O_RDONLY) SyncParent(path);
+  if ((flags & O_ACCMODE) != O_RDONLY && !SyncFolder(OpenDriveEntry(path))) {
+    lattix::Log("Failed to sync parent directory in osalFileOpen: {}\n", lattix::ErrorText(errno));
+  }
   return stream;
 }

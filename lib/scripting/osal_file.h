@@ -14,7 +14,6 @@ using FileStream = std::unique_ptr<FILE, CloseStream>;
 // those of fopen(3). A mode that creates or writes also makes the file's name durable: a folder
 // that cannot be synced is logged and does not fail the open.
 //
-// Null with errno set when there is no such file; ENOENT, and a line in the log, for a name that
-// does not map. Folders (EISDIR) and whatever else is no plain file (EINVAL) are refused: reading a
-// pipe could wait for ever. Callable from any thread; the stream is for one thread at a time.
+// Null with errno set when there is no such file (OpenBeneathDrive); ENOENT, and a line in the log,
+// for a name that does not map. Callable from any thread; the stream is for one thread at a time.
 FileStream osalFileOpen(std::string_view name, const char* mode);

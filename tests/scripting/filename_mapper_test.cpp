@@ -150,7 +150,10 @@ TEST_F(DriveTest, OpensBeneathTheDriveOnly) {
   EXPECT_EQ(OpenError("/storage/sd/" + std::string(256, 'n')), ENAMETOOLONG);
   EXPECT_EQ(OpenError("/storage/nowhere/x"), ENOENT);
   EXPECT_EQ(OpenError("/etc/passwd"), ENOENT);
-  EXPECT_EQ(OpenError("/storage/sd/fifo"), 0);  // and does not wait for a writer
+  // Neither opening a pipe nor using it may wait for the other end.
+  EXPECT_EQ(OpenError("/storage/sd/fifo"), EINVAL);
+  EXPECT_EQ(OpenError("/storage/sd/fifo", O_WRONLY), ENXIO);
+  EXPECT_EQ(OpenError("/storage/sd/fifo", O_RDWR), EINVAL);
 }
 
 TEST_F(DriveTest, ADriveMayBeALink) {
@@ -174,6 +177,12 @@ TEST_F(DriveTest, CopiesAndMovesFiles) {
   EXPECT_TRUE(host_files::MoveFile(m_mapper, "SD:/a", "USB1:/moved"));
   EXPECT_EQ(Read("usb1/moved"), "one");
   EXPECT_FALSE(fs::exists(Native("sd/a")));
+
+  // An earlier process of this id was cut off while it copied.
+  for (int i = 0; i < 32; ++i) {
+    Write("usb1/.copy-" + std::to_string(::getpid()) + "-" + std::to_string(i), "half");
+  }
+  EXPECT_TRUE(host_files::CopyFile(m_mapper, "SD:/b", "USB1:/again"));
 
   EXPECT_FALSE(host_files::CopyFile(m_mapper, "SD:/folder", "SD:/c"));
   EXPECT_FALSE(host_files::CopyFile(m_mapper, "SD:/b", "SD:/folder"));
