@@ -81,6 +81,15 @@ std::string FileInstanceData::ReadLine() {
   return line;
 }
 
+namespace {
+
+void SetLength(pscInstance* text, size_t length) {
+  pscData<psStringData>(text)->length = static_cast<uint32_t>(length);
+  psStringBuffer(text)[length] = 0;
+}
+
+}  // namespace
+
 pscInstance* FileInstanceData::ReadText(pscDomain* domain, int32_t n) {
   if (n < 1) return nullptr;
   BeginReading();
@@ -89,23 +98,25 @@ pscInstance* FileInstanceData::ReadText(pscDomain* domain, int32_t n) {
   struct stat status;
   const off_t position = ::ftello(stream);
   if (position < 0 || ::fstat(::fileno(stream), &status) != 0) return nullptr;
-  const auto left = static_cast<uint64_t>(std::max<off_t>(status.st_size - position, 0));
-  const size_t size = std::min({static_cast<uint64_t>(n), left, uint64_t{kPsMaxTextLength}});
-  pscInstance* text = psNewStringOfLength(domain, size);
+  const size_t wanted = std::min(static_cast<size_t>(n), kPsMaxTextLength);
+  const auto left = static_cast<size_t>(std::max<off_t>(status.st_size - position, 0));
+  pscInstance* text = psNewStringOfLength(domain, std::min(wanted, left));
   if (text == nullptr) throw std::bad_alloc();
-  char* bytes = psStringBuffer(text);
-  const size_t got = size > 0 ? ::fread_unlocked(bytes, 1, size, stream) : 0;
-  if (static_cast<uint64_t>(n) > left) {
-    // Asked for more than there is, so the end has been met, unless the file has grown meanwhile.
-    const int byte = ::getc_unlocked(stream);
-    if (byte != EOF) ::ungetc(byte, stream);
+  size_t got = ::fread_unlocked(psStringBuffer(text), 1, std::min(wanted, left), stream);
+  SetLength(text, got);
+  // Asked for more, so the end is met; but the file may have grown meanwhile, or have shrunk below
+  // what was read ahead.
+  char more[4096];
+  while (got < wanted && !AtEof()) {
+    const size_t n_more = ::fread_unlocked(more, 1, std::min(sizeof more, wanted - got), stream);
+    if (n_more == 0) break;
+    if (!psStringAppend(text, {more, n_more})) {
+      pscSubRef(text);
+      throw std::bad_alloc();
+    }
+    got += n_more;
   }
-  // Script texts hold no NUL.
-  const void* nul = std::memchr(bytes, 0, got);
-  const size_t length =
-      nul != nullptr ? static_cast<size_t>(static_cast<const char*>(nul) - bytes) : got;
-  pscData<psStringData>(text)->length = static_cast<uint32_t>(length);
-  bytes[length] = 0;
+  SetLength(text, strnlen(psStringBuffer(text), got));  // script texts hold no NUL
   return text;
 }
 
