@@ -1,1 +1,0 @@
-check lib/default_missing.plm lib/type_invalid.plm lib/type_mismatch.plm lib/defined_twice.plm lib/after_functions.plm lib/open_block.plm

@@ -1,1 +1,0 @@
-check lib/library_missing.plm lib/library_no_text.plm lib/library_not_first.plm lib/library_twice.plm lib/library_of_itself.plm

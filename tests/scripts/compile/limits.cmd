@@ -1,1 +1,0 @@
-check lib/for_loops.plm lib/while_loops.plm lib/variables.plm lib/floats.plm

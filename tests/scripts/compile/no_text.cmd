@@ -1,1 +1,0 @@
-check lib/utf16_little_endian.plm lib/utf16_big_endian.plm lib/control_character.plm lib/accent.plm lib/accent_behind_mark.plm

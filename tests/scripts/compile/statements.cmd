@@ -1,1 +1,0 @@
-check lib/labels.plm lib/results.plm
