@@ -510,7 +510,11 @@ L_Return : {
   frame = p->ctx;
   locals = frame->locals;
   ip = frame->resume;
-  if (PS_UNLIKELY(ip == nullptr)) goto resume;
+  if (PS_UNLIKELY(ip == nullptr)) {
+    // A sum that was begun in the step form goes on in the ordinary one.
+    if (frame->chain_slot != nullptr) leaveChain(p);
+    goto resume;
+  }
   plain = false;
   if (turn(p)) goto break_seen;
   DISPATCH;
