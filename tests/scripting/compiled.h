@@ -1,5 +1,5 @@
 // Texts compiled in a core of their own, and what came out of them in forms that a table row can
-// hold: code as "pushint #1; poplocal x", errors as "2(3) 14(x)", line records as "0:1 5:2".
+// hold: code as "1; a; add; -> x", errors as "2(3) 14(x)", line records as "0:1 5:2".
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -44,16 +45,31 @@ inline std::string withoutNumbers(std::string text) {
   return text;
 }
 
-// The instructions from an offset on, each as the disassembler writes it but for runs of blanks.
+// The instructions from an offset on, as the disassembler writes them, but shorter: what only
+// pushes a value is the value, "&f" a function, "-> x" stores, "as Float" converts, "mid(2)" is a
+// built-in function with its arguments, "J1@13" a label and its offset.
 inline std::string instructions(const psFunction* function, uint32_t from = 0) {
+  static const std::pair<std::regex, const char*> kShorter[] = {
+      {std::regex("^(pushint2?|pushstring2?) +#|^pushlocal +|^pushbool +|^push(?=invalid)"), ""},
+      {std::regex("^pushfun +#"), "&"},
+      {std::regex("^poplocal +"), "-> "},
+      {std::regex("^convert +\\[sp\\], newtype="), "as "},
+      {std::regex("^convert +(\\S+), newtype="), "$1 as "},
+      {std::regex("^call_(?:global +)?(\\w+)(?: +num_args=|\\(num_args=)(\\d+)\\)?"), "$1($2)"},
+      {std::regex("^num_fun_args +"), "args "},
+      {std::regex(" +\\[sp-(\\d+)\\]$"), " $1"},
+      {std::regex("^print +num_args=(\\d+), pattern="), "print $1 "},
+      {std::regex("^dim +(\\S+), numdims="), "dim $1 "},
+      {std::regex("^createobject_idx index="), "createobject "},
+      {std::regex("J0*(\\d+) +' ?(?:jump to )?addr="), "J$1@"},
+      {std::regex(" +"), " "}};
   std::string text;
   for (uint32_t pc = from; pc < function->code.size();) {
     std::string one;
     pc = Disasm_impl(function, pc, &one);
-    if (!text.empty()) text += "; ";
-    for (size_t i = 0; i + 1 < one.size(); i++) {
-      if (one[i] != ' ' || one[i + 1] != ' ') text += one[i];
-    }
+    one.pop_back();  // the line end
+    for (const auto& [longer, shorter] : kShorter) one = std::regex_replace(one, longer, shorter);
+    text += (text.empty() ? "" : "; ") + one;
   }
   return withoutNumbers(std::move(text));
 }

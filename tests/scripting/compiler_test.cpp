@@ -22,15 +22,14 @@ void PrintTo(const Row& row, std::ostream* os) { *os << row.text.substr(0, 80); 
 
 // --- Expressions ------------------------------------------------------------------------------
 
-const std::string kNewArray =
-    "pushstring #\"koArray\"; pushint #10; pushbool true; call_createobject_exp num_args=3";
+const std::string kNewArray = "\"koArray\"; 10; true; createobject_exp(3)";
 std::string pushed(const std::string& element) {
-  return "; dup; dot push; num_fun_args 1; " + element + "; call [sp-1]; drop";
+  return "; dup; dot push; args 1; " + element + "; call 1; drop";
 }
 // "{}" stands for the instruction that makes an associative array.
 std::string withNewAA(std::string text) {
   const std::string made =
-      "createobject_idx index=" + std::to_string(pscFindClassByName("koAssociativeArray")->index);
+      "createobject " + std::to_string(pscFindClassByName("koAssociativeArray")->index);
   for (size_t at; (at = text.find("{}")) != std::string::npos;) text.replace(at, 2, made);
   return text;
 }
@@ -40,142 +39,94 @@ class CompiledExpression : public testing::TestWithParam<Row> {};
 TEST_P(CompiledExpression, Becomes) {
   Compiler compiler;
   EXPECT_EQ(compiler.compile("x = " + GetParam().text).code(),
-            withNewAA(GetParam().expected) + "; poplocal x; end");
+            withNewAA(GetParam().expected) + "; -> x; end");
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Precedence, CompiledExpression,
-    testing::Values(
-        Row{"1 + 2 * 3", "pushint #1; pushint #2; pushint #3; mul; add"},
-        Row{"1 * 2 + 3", "pushint #1; pushint #2; mul; pushint #3; add"},
-        Row{"(1 + 2) * 3", "pushint #1; pushint #2; add; pushint #3; mul"},
-        Row{"1 - 2 - 3", "pushint #1; pushint #2; sub; pushint #3; sub"},
-        Row{"w - x + y - z", "pushlocal w; pushlocal x; sub; pushlocal y; add; pushlocal z; sub"},
-        Row{"a * b / c mod d", "pushlocal a; pushlocal b; mul; pushlocal c; div; pushlocal d; mod"},
-        Row{"2 ^ 3 ^ 2", "pushint #2; pushint #3; pushint #2; exp; exp"},
-        Row{"-2 ^ 2", "pushint #2; pushint #2; exp; neg"},
-        Row{"2 ^ -1", "pushint #2; pushint #1; neg; exp"},
-        Row{"a * -b", "pushlocal a; pushlocal b; neg; mul"},
-        Row{"a - - b", "pushlocal a; pushlocal b; neg; sub"}, Row{"- - a", "pushlocal a; neg; neg"},
-        Row{"+a + +b", "pushlocal a; pushlocal b; add"},
-        Row{"a < b = c", "pushlocal a; pushlocal b; lt; pushlocal c; eq"},
-        Row{"a + b <= c * d", "pushlocal a; pushlocal b; add; pushlocal c; pushlocal d; mul; le"},
-        Row{"a >= b", "pushlocal a; pushlocal b; ge"},
-        Row{"a <> b", "pushlocal a; pushlocal b; ne"}, Row{"a > b", "pushlocal a; pushlocal b; gt"},
-        Row{"a < b", "pushlocal a; pushlocal b; lt"}, Row{"a = b", "pushlocal a; pushlocal b; eq"},
-        Row{"not a = b", "pushlocal a; pushlocal b; eq; not"},
-        Row{"not not a", "pushlocal a; not; not"},
-        Row{"a + not b = c", "pushlocal a; pushlocal b; pushlocal c; eq; not; add"},
-        Row{"-not a", "pushlocal a; not; neg"}));
+    testing::Values(Row{"1 + 2 * 3", "1; 2; 3; mul; add"}, Row{"1 * 2 + 3", "1; 2; mul; 3; add"},
+                    Row{"(1 + 2) * 3", "1; 2; add; 3; mul"}, Row{"1 - 2 - 3", "1; 2; sub; 3; sub"},
+                    Row{"w - x + y - z", "w; x; sub; y; add; z; sub"},
+                    Row{"a * b / c mod d", "a; b; mul; c; div; d; mod"},
+                    Row{"2 ^ 3 ^ 2", "2; 3; 2; exp; exp"}, Row{"-2 ^ 2", "2; 2; exp; neg"},
+                    Row{"2 ^ -1", "2; 1; neg; exp"}, Row{"a * -b", "a; b; neg; mul"},
+                    Row{"a - - b", "a; b; neg; sub"}, Row{"- - a", "a; neg; neg"},
+                    Row{"+a + +b", "a; b; add"}, Row{"a < b = c", "a; b; lt; c; eq"},
+                    Row{"a + b <= c * d", "a; b; add; c; d; mul; le"}, Row{"a >= b", "a; b; ge"},
+                    Row{"a <> b", "a; b; ne"}, Row{"a > b", "a; b; gt"}, Row{"a < b", "a; b; lt"},
+                    Row{"a = b", "a; b; eq"}, Row{"not a = b", "a; b; eq; not"},
+                    Row{"not not a", "a; not; not"}, Row{"a + not b = c", "a; b; c; eq; not; add"},
+                    Row{"-not a", "a; not; neg"}));
 
 // A pretest's distance leads to the end of its whole chain; the second number is the byte behind.
 INSTANTIATE_TEST_SUITE_P(
     Chains, CompiledExpression,
-    testing::Values(
-        Row{"a and b", "pushlocal a; and_pretest +5 169; pushlocal b; and"},
-        Row{"a AND b and 1",
-            "pushlocal a; and_pretest +10 169; pushlocal b; and; and_pretest +4 134; pushint #1; "
-            "and"},
-        Row{"a or b or c",
-            "pushlocal a; or_pretest +11 169; pushlocal b; or; or_pretest +5 169; pushlocal c; or"},
-        Row{"a or b and c",
-            "pushlocal a; or_pretest +11 169; pushlocal b; and_pretest +5 169; pushlocal c; and; "
-            "or"},
-        Row{"a and b or c",
-            "pushlocal a; and_pretest +5 169; pushlocal b; and; or_pretest +5 169; pushlocal c; "
-            "or"},
-        Row{"not a and b", "pushlocal a; not; and_pretest +5 169; pushlocal b; and"},
-        Row{"a = b and c < d",
-            "pushlocal a; pushlocal b; eq; and_pretest +9 169; pushlocal c; pushlocal d; lt; and"},
-        Row{"a and not b or -c",
-            "pushlocal a; and_pretest +6 169; pushlocal b; not; and; or_pretest +6 169; pushlocal "
-            "c; neg; or"}));
+    testing::Values(Row{"a and b", "a; and_pretest +5 169; b; and"},
+                    Row{"a AND b and 1",
+                        "a; and_pretest +10 169; b; and; and_pretest +4 134; 1; and"},
+                    Row{"a or b or c", "a; or_pretest +11 169; b; or; or_pretest +5 169; c; or"},
+                    Row{"a or b and c", "a; or_pretest +11 169; b; and_pretest +5 169; c; and; or"},
+                    Row{"a and b or c", "a; and_pretest +5 169; b; and; or_pretest +5 169; c; or"},
+                    Row{"not a and b", "a; not; and_pretest +5 169; b; and"},
+                    Row{"a = b and c < d", "a; b; eq; and_pretest +9 169; c; d; lt; and"},
+                    Row{"a and not b or -c",
+                        "a; and_pretest +6 169; b; not; and; or_pretest +6 169; c; neg; or"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Accessors, CompiledExpression,
-    testing::Values(Row{"a.b.If", "pushlocal a; dot b; dot if"},
-                    Row{"a[1, b][2]",
-                        "pushlocal a; pushint #1; pushlocal b; array [sp-2]; pushint #2; array "
-                        "[sp-1]"},
-                    Row{"a . b [ 1 ] . c ( 2 )",
-                        "pushlocal a; dot b; pushint #1; array [sp-1]; dot c; "
-                        "num_fun_args 1; pushint #2; call [sp-1]"},
-                    Row{"a@b", "pushlocal a; attr b"},
-                    Row{"a.c @ For", "pushlocal a; dot c; attr for"},
-                    Row{"a@b + c@d", "pushlocal a; attr b; pushlocal c; attr d; add"},
-                    Row{"f()", "pushlocal f; num_fun_args 0; call [sp-0]"},
-                    Row{"f(1, g(a))",
-                        "pushlocal f; num_fun_args 2; pushint #1; pushlocal g; num_fun_args 1; "
-                        "pushlocal a; call [sp-1]; call [sp-2]"},
-                    Row{"f(1)(2).m",
-                        "pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; num_fun_args 1; "
-                        "pushint #2; call [sp-1]; dot m"},
-                    Row{"(a)[0]", "pushlocal a; pushint #0; array [sp-1]"},
-                    Row{"\"t\".len()", "pushstring #\"t\"; dot len; num_fun_args 0; call [sp-0]"},
-                    Row{"-a.b", "pushlocal a; dot b; neg"},
-                    Row{"a.b ^ c[0]",
-                        "pushlocal a; dot b; pushlocal c; pushint #0; array [sp-1]; exp"}));
+    testing::Values(
+        Row{"a.b.If", "a; dot b; dot if"}, Row{"a[1, b][2]", "a; 1; b; array 2; 2; array 1"},
+        Row{"a . b [ 1 ] . c ( 2 )", "a; dot b; 1; array 1; dot c; args 1; 2; call 1"},
+        Row{"a@b", "a; attr b"}, Row{"a.c @ For", "a; dot c; attr for"},
+        Row{"a@b + c@d", "a; attr b; c; attr d; add"}, Row{"f()", "f; args 0; call 0"},
+        Row{"f(1, g(a))", "f; args 2; 1; g; args 1; a; call 1; call 2"},
+        Row{"f(1)(2).m", "f; args 1; 1; call 1; args 1; 2; call 1; dot m"},
+        Row{"(a)[0]", "a; 0; array 1"}, Row{"\"t\".len()", "\"t\"; dot len; args 0; call 0"},
+        Row{"-a.b", "a; dot b; neg"}, Row{"a.b ^ c[0]", "a; dot b; c; 0; array 1; exp"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Literals, CompiledExpression,
-    testing::Values(Row{"true", "pushbool true"}, Row{"FALSE", "pushbool false"},
-                    Row{"Invalid", "pushinvalid"}, Row{"[]", kNewArray}, Row{"[\n\n]", kNewArray},
-                    Row{"[1, a]", kNewArray + pushed("pushint #1") + pushed("pushlocal a")},
+    testing::Values(Row{"true", "true"}, Row{"FALSE", "false"}, Row{"Invalid", "invalid"},
+                    Row{"[]", kNewArray}, Row{"[\n\n]", kNewArray},
+                    Row{"[1, a]", kNewArray + pushed("1") + pushed("a")},
                     Row{"[1, 2\n3 : 4 ' five\nrem six\n]",
-                        kNewArray + pushed("pushint #1") + pushed("pushint #2") +
-                            pushed("pushint #3") + pushed("pushint #4")},
-                    Row{"[\n1,\n2,\n]", kNewArray + pushed("pushint #1") + pushed("pushint #2")},
-                    Row{"[[0]]", kNewArray + pushed(kNewArray + pushed("pushint #0"))},
-                    Row{"{ }", "{}"}, Row{"{\n' nothing\n}", "{}"},
-                    Row{"{ a: 1, B: b }",
-                        "{}; dup; pushint #1; swap; dotset a; dup; pushlocal b; swap; dotset "
-                        "b"},
+                        kNewArray + pushed("1") + pushed("2") + pushed("3") + pushed("4")},
+                    Row{"[\n1,\n2,\n]", kNewArray + pushed("1") + pushed("2")},
+                    Row{"[[0]]", kNewArray + pushed(kNewArray + pushed("0"))}, Row{"{ }", "{}"},
+                    Row{"{\n' nothing\n}", "{}"},
+                    Row{"{ a: 1, B: b }", "{}; dup; 1; swap; dotset a; dup; b; swap; dotset b"},
                     Row{"{\n  if: 1\n  Rem: 2\n x$: 3\n}",
-                        "{}; dup; pushint #1; swap; dotset if; dup; pushint "
-                        "#3; swap; dotset x$"},
+                        "{}; dup; 1; swap; dotset if; dup; 3; swap; dotset x$"},
                     Row{"{ a: { b: [] }, }",
                         "{}; dup; {}; dup; " + kNewArray + "; swap; dotset b; swap; dotset a"},
-                    Row{"{ a: 1 }.a", "{}; dup; pushint #1; swap; dotset a; dot a"},
-                    Row{"function() : end function", "pushfun #$anon"},
+                    Row{"{ a: 1 }.a", "{}; dup; 1; swap; dotset a; dot a"},
+                    Row{"function() : end function", "&$anon"},
                     Row{"[function(a)\nreturn a\nendfunction, 1]",
-                        kNewArray + pushed("pushfun #$anon") + pushed("pushint #1")}));
+                        kNewArray + pushed("&$anon") + pushed("1")}));
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, CompiledExpression,
     testing::Values(
-        Row{"LEN(\"a\")", "pushstring #\"a\"; call_global len(num_args=1)"},
-        Row{"mid(a, 1) + mid(a, 1, 2)",
-            "pushlocal a; pushint #1; call_global mid(num_args=2); pushlocal a; pushint #1; "
-            "pushint #2; call_global mid(num_args=3); add"},
-        Row{"UpTime(0)", "pushint #0; call_global UpTime(num_args=1)"},
-        Row{"RunGarbageCollector().count",
-            "call_global RunGarbageCollector(num_args=0); dot count"},
+        Row{"LEN(\"a\")", "\"a\"; len(1)"},
+        Row{"mid(a, 1) + mid(a, 1, 2)", "a; 1; mid(2); a; 1; 2; mid(3); add"},
+        Row{"UpTime(0)", "0; UpTime(1)"},
+        Row{"RunGarbageCollector().count", "RunGarbageCollector(0); dot count"},
         // A count that no global function takes makes it a call of the script's own function.
-        Row{"len()", "pushlocal len; num_fun_args 0; call [sp-0]"},
-        Row{"len(a, f(b))",
-            "pushlocal len; num_fun_args 2; pushlocal a; pushlocal f; num_fun_args "
-            "1; pushlocal b; call [sp-1]; call [sp-2]"},
-        Row{"len", "pushlocal len"}, Row{"len[0]", "pushlocal len; pushint #0; array [sp-1]"},
-        Row{"a.len(b)", "pushlocal a; dot len; num_fun_args 1; pushlocal b; call [sp-1]"},
+        Row{"len()", "len; args 0; call 0"},
+        Row{"len(a, f(b))", "len; args 2; a; f; args 1; b; call 1; call 2"}, Row{"len", "len"},
+        Row{"len[0]", "len; 0; array 1"}, Row{"a.len(b)", "a; dot len; args 1; b; call 1"},
         Row{"CreateObject(\"koAssociativeArray\")", "{}"},
         Row{"createobject( \"KOASSOCIATIVEARRAY\" ).a", "{}; dot a"},
-        Row{"CreateObject(\"nope\")", "createobject_idx index=0"},
-        Row{"CreateObject(\"\")", "createobject_idx index=0"},
-        Row{"CreateObject(\"koArray\", 5, true)",
-            "pushstring #\"koArray\"; pushint #5; pushbool true; call_createobject_exp num_args=3"},
-        Row{"CreateObject(\"ko\" + a)",
-            "pushstring #\"ko\"; pushlocal a; add; call_createobject_exp num_args=1"},
-        Row{"CreateObject(a)", "pushlocal a; call_createobject_exp num_args=1"},
-        Row{"TYPE(a)", "pushlocal a; call_type num_args=1"},
-        Row{"type(a, 3)", "pushlocal a; pushint #3; call_type num_args=2"},
-        Row{"pos(0)", "pushint #0; call_pos num_args=1"},
-        Row{"GetGlobalAA().a", "call_get_global_AA num_args=0; dot a"},
-        Row{"eval(a)", "pushlocal a; call_eval num_args=1"},
-        Row{"Box(1)", "pushint #1; call_box num_args=1"},
-        Row{"ObjFun(a, b, c)", "pushlocal a; pushlocal b; pushlocal c; call_objfun num_args=3"},
-        Row{"run(a, 1)", "pushlocal a; pushint #1; call_run num_args=2"},
-        Row{"GetLastRunRuntimeError()", "call_run_rterr num_args=0"},
-        Row{"GetLastRunCompileError()", "call_run_clerr num_args=0"}));
+        Row{"CreateObject(\"nope\")", "createobject 0"},
+        Row{"CreateObject(\"\")", "createobject 0"},
+        Row{"CreateObject(\"koArray\", 5, true)", "\"koArray\"; 5; true; createobject_exp(3)"},
+        Row{"CreateObject(\"ko\" + a)", "\"ko\"; a; add; createobject_exp(1)"},
+        Row{"CreateObject(a)", "a; createobject_exp(1)"}, Row{"TYPE(a)", "a; type(1)"},
+        Row{"type(a, 3)", "a; 3; type(2)"}, Row{"pos(0)", "0; pos(1)"},
+        Row{"GetGlobalAA().a", "get_global_AA(0); dot a"}, Row{"eval(a)", "a; eval(1)"},
+        Row{"Box(1)", "1; box(1)"}, Row{"ObjFun(a, b, c)", "a; b; c; objfun(3)"},
+        Row{"run(a, 1)", "a; 1; run(2)"}, Row{"GetLastRunRuntimeError()", "run_rterr(0)"},
+        Row{"GetLastRunCompileError()", "run_clerr(0)"}));
 
 TEST(CompiledExpression, NamesOfFunctionsMeanTheFunctionWhereverItIsDefined) {
   Compiler compiler;
@@ -183,9 +134,9 @@ TEST(CompiledExpression, NamesOfFunctionsMeanTheFunctionWhereverItIsDefined) {
       "sub main()\nf(g)\nf = 1\nf.x = f\nend sub\n"
       "sub f(a)\nend sub\nfunction G()\nend function\n");
   EXPECT_EQ(program.code(),
-            "pushfun #f; num_fun_args 1; pushfun #g; call [sp-1]; drop; "
+            "&f; args 1; &g; call 1; drop; "
             // An assignment's target is always a variable.
-            "pushint #1; poplocal f; pushfun #f; pushlocal f; dotset x; pushinvalid; return");
+            "1; -> f; &f; f; dotset x; invalid; return");
 }
 
 // Variables that are assigned have their slots first; those that are only read follow when the text
@@ -214,168 +165,110 @@ TEST_P(CompiledStatement, Becomes) {
 
 INSTANTIATE_TEST_SUITE_P(
     Assignments, CompiledStatement,
-    testing::Values(
-        Row{"", ""}, Row{"x = y", "pushlocal y; poplocal x"},
-        Row{"x% = y", "pushlocal y; convert [sp], newtype=Integer; poplocal x%"},
-        Row{"x! = y", "pushlocal y; convert [sp], newtype=Float; poplocal x!"},
-        Row{"x# = y", "pushlocal y; convert [sp], newtype=koDouble; poplocal x#"},
-        Row{"x$ = y", "pushlocal y; convert [sp], newtype=koString; poplocal x$"},
-        Row{"m = y", "pushlocal y; convert [sp], newtype=Component; poplocal m"},
-        Row{"global = y", "pushlocal y; convert [sp], newtype=Interface; poplocal global"},
-        Row{"x = y = z", "pushlocal y; pushlocal z; eq; poplocal x"},
-        Row{"a.b = 1", "pushint #1; pushlocal a; dotset b"},
-        Row{"a.b.c = d.e", "pushlocal d; dot e; pushlocal a; dot b; dotset c"},
-        Row{"a[1, i] = 3", "pushint #3; pushlocal a; pushint #1; pushlocal i; array_set [sp-2]"},
-        Row{"a[b[0]].c[d] = f(e)",
-            "pushlocal f; num_fun_args 1; pushlocal e; call [sp-1]; pushlocal a; pushlocal b; "
-            "pushint #0; array [sp-1]; array [sp-1]; dot c; pushlocal d; array_set [sp-1]"},
-        Row{"f(1)[2] = 3",
-            "pushint #3; pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; pushint #2; "
-            "array_set [sp-1]"},
-        Row{"f(1).x = 3",
-            "pushint #3; pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; "
-            "dotset x"},
-        Row{"a.f(1).x = 3",
-            "pushint #3; pushlocal a; dot f; num_fun_args 1; pushint #1; call "
-            "[sp-1]; dotset x"},
-        Row{"GetGlobalAA().x = 1", "pushint #1; call_get_global_AA num_args=0; dotset x"},
-        Row{"CreateObject(a).x = 1",
-            "pushint #1; pushlocal a; call_createobject_exp num_args=1; dotset x"},
-        Row{"len(a, 1).x = 1",
-            "pushint #1; pushlocal len; num_fun_args 2; pushlocal a; pushint "
-            "#1; call [sp-2]; dotset x"},
-        // The built-in functions' names that are not reserved can be assigned.
-        Row{"run = 1", "pushint #1; poplocal run"}));
+    testing::Values(Row{"", ""}, Row{"x = y", "y; -> x"}, Row{"x% = y", "y; as Integer; -> x%"},
+                    Row{"x! = y", "y; as Float; -> x!"}, Row{"x# = y", "y; as koDouble; -> x#"},
+                    Row{"x$ = y", "y; as koString; -> x$"}, Row{"m = y", "y; as Component; -> m"},
+                    Row{"global = y", "y; as Interface; -> global"},
+                    Row{"x = y = z", "y; z; eq; -> x"}, Row{"a.b = 1", "1; a; dotset b"},
+                    Row{"a.b.c = d.e", "d; dot e; a; dot b; dotset c"},
+                    Row{"a[1, i] = 3", "3; a; 1; i; array_set 2"},
+                    Row{"a[b[0]].c[d] = f(e)",
+                        "f; args 1; e; call 1; a; b; 0; array 1; array 1; dot c; d; array_set 1"},
+                    Row{"f(1)[2] = 3", "3; f; args 1; 1; call 1; 2; array_set 1"},
+                    Row{"f(1).x = 3", "3; f; args 1; 1; call 1; dotset x"},
+                    Row{"a.f(1).x = 3", "3; a; dot f; args 1; 1; call 1; dotset x"},
+                    Row{"GetGlobalAA().x = 1", "1; get_global_AA(0); dotset x"},
+                    Row{"CreateObject(a).x = 1", "1; a; createobject_exp(1); dotset x"},
+                    Row{"len(a, 1).x = 1", "1; len; args 2; a; 1; call 2; dotset x"},
+                    // The built-in functions' names that are not reserved can be assigned.
+                    Row{"run = 1", "1; -> run"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Calls, CompiledStatement,
-    testing::Values(
-        Row{"f()", "pushlocal f; num_fun_args 0; call [sp-0]; drop"},
-        Row{"f(1)(2)",
-            "pushlocal f; num_fun_args 1; pushint #1; call [sp-1]; num_fun_args 1; "
-            "pushint #2; call [sp-1]; drop"},
-        Row{"f().g()",
-            "pushlocal f; num_fun_args 0; call [sp-0]; dot g; num_fun_args 0; call "
-            "[sp-0]; drop"},
-        Row{"a.b.c(1)", "pushlocal a; dot b; dot c; num_fun_args 1; pushint #1; call [sp-1]; drop"},
-        Row{"a[1]()", "pushlocal a; pushint #1; array [sp-1]; num_fun_args 0; call [sp-0]; drop"},
-        Row{"sleep(1)", "pushint #1; call_global sleep(num_args=1); drop"},
-        Row{"sleep()", "pushlocal sleep; num_fun_args 0; call [sp-0]; drop"},
-        Row{"eval(a) : run(a)",
-            "pushlocal a; call_eval num_args=1; drop; pushlocal a; call_run "
-            "num_args=1; drop"},
-        Row{"CreateObject(a).b()",
-            "pushlocal a; call_createobject_exp num_args=1; dot b; "
-            "num_fun_args 0; call [sp-0]; drop"},
-        Row{"objfun(a, b, c)",
-            "pushlocal a; pushlocal b; pushlocal c; call_objfun num_args=3; "
-            "drop"}));
+    testing::Values(Row{"f()", "f; args 0; call 0; drop"},
+                    Row{"f(1)(2)", "f; args 1; 1; call 1; args 1; 2; call 1; drop"},
+                    Row{"f().g()", "f; args 0; call 0; dot g; args 0; call 0; drop"},
+                    Row{"a.b.c(1)", "a; dot b; dot c; args 1; 1; call 1; drop"},
+                    Row{"a[1]()", "a; 1; array 1; args 0; call 0; drop"},
+                    Row{"sleep(1)", "1; sleep(1); drop"},
+                    Row{"sleep()", "sleep; args 0; call 0; drop"},
+                    Row{"eval(a) : run(a)", "a; eval(1); drop; a; run(1); drop"},
+                    Row{"CreateObject(a).b()",
+                        "a; createobject_exp(1); dot b; args 0; call 0; drop"},
+                    Row{"objfun(a, b, c)", "a; b; c; objfun(3); drop"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Print, CompiledStatement,
-    testing::Values(Row{"print", "print num_args=0, pattern=NE"},
-                    Row{"?", "print num_args=0, pattern=NE"},
-                    Row{"? 1", "pushint #1; print num_args=1, pattern=PNE"},
-                    Row{"print a; b;", "pushlocal a; pushlocal b; print num_args=2, pattern=PPE"},
-                    Row{"print a b", "pushlocal a; pushlocal b; print num_args=2, pattern=PPNE"},
-                    Row{"print a, b,", "pushlocal a; pushlocal b; print num_args=2, pattern=P,P,E"},
-                    Row{"print ;", "print num_args=0, pattern=E"},
-                    Row{"print ,", "print num_args=0, pattern=,E"},
-                    Row{"print a;,b", "pushlocal a; pushlocal b; print num_args=2, pattern=P,PNE"},
-                    Row{"print tab(5); a tab(i)",
-                        "pushint #5; pushlocal a; pushlocal i; print num_args=3, "
-                        "pattern=TPTNE"},
-                    Row{"print a; tab(5);",
-                        "pushlocal a; pushint #5; print num_args=2, pattern=PTE"},
-                    Row{"print #1", "pushint #1; print num_args=1, pattern=#NE"},
-                    Row{"print #a, b;", "pushlocal a; pushlocal b; print num_args=2, pattern=#PE"},
-                    Row{"print @5, a", "pushint #5; pushlocal a; print num_args=2, pattern=@PNE"},
-                    Row{"print #1, @2, 3",
-                        "pushint #1; pushint #2; pushint #3; print num_args=3, "
-                        "pattern=#@PNE"},
-                    Row{"print #1, @2", "pushint #1; pushint #2; print num_args=2, pattern=#@NE"}));
+    testing::Values(Row{"print", "print 0 NE"}, Row{"?", "print 0 NE"},
+                    Row{"? 1", "1; print 1 PNE"}, Row{"print a; b;", "a; b; print 2 PPE"},
+                    Row{"print a b", "a; b; print 2 PPNE"},
+                    Row{"print a, b,", "a; b; print 2 P,P,E"}, Row{"print ;", "print 0 E"},
+                    Row{"print ,", "print 0 ,E"}, Row{"print a;,b", "a; b; print 2 P,PNE"},
+                    Row{"print tab(5); a tab(i)", "5; a; i; print 3 TPTNE"},
+                    Row{"print a; tab(5);", "a; 5; print 2 PTE"}, Row{"print #1", "1; print 1 #NE"},
+                    Row{"print #a, b;", "a; b; print 2 #PE"},
+                    Row{"print @5, a", "5; a; print 2 @PNE"},
+                    Row{"print #1, @2, 3", "1; 2; 3; print 3 #@PNE"},
+                    Row{"print #1, @2", "1; 2; print 2 #@NE"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Jumps, CompiledStatement,
-    testing::Values(Row{"10 goto 10", "jump J000 'addr=0"},
-                    Row{"goto done\nx = 1\nDONE:", "jump J000 'addr=7; pushint #1; poplocal x"},
-                    Row{"20 x = 1\n30 y = 1\ngoto 30",
-                        "pushint #1; poplocal x; pushint #1; poplocal y; jump "
-                        "J000 'addr=5"},
-                    Row{"a:\nb:\ngoto b\ngoto a\ngoto b",
-                        "jump J001 'addr=0; jump J000 'addr=0; jump J001 "
-                        "'addr=0"},
-                    Row{"stop : end", "stop; end"}, Row{"return", "pushinvalid; return"},
-                    Row{"dim a[5], b[2, i]",
-                        "pushint #5; dim a, numdims=1; pushint #2; pushlocal i; dim b, "
-                        "numdims=2"}));
+    testing::Values(Row{"10 goto 10", "jump J0@0"},
+                    Row{"goto done\nx = 1\nDONE:", "jump J0@7; 1; -> x"},
+                    Row{"20 x = 1\n30 y = 1\ngoto 30", "1; -> x; 1; -> y; jump J0@5"},
+                    Row{"a:\nb:\ngoto b\ngoto a\ngoto b", "jump J1@0; jump J0@0; jump J1@0"},
+                    Row{"stop : end", "stop; end"}, Row{"return", "invalid; return"},
+                    Row{"dim a[5], b[2, i]", "5; dim a 1; 2; i; dim b 2"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Ifs, CompiledStatement,
-    testing::Values(
-        Row{"if a then x = 1", "pushlocal a; iffalse +6; pushint #1; poplocal x"},
-        Row{"if a x = 1", "pushlocal a; iffalse +6; pushint #1; poplocal x"},
-        Row{"if a then x = 1 else y = 2",
-            "pushlocal a; iffalse +8; pushint #1; poplocal x; jmpfwd "
-            "+6; pushint #2; poplocal y"},
-        Row{"if a then x = 1 : y = 2 : else stop : end",
-            "pushlocal a; iffalse +13; pushint #1; "
-            "poplocal x; pushint #2; poplocal y; jmpfwd "
-            "+3; stop; end"},
-        Row{"if a then there\nthere:", "pushlocal a; iffalse +3; jump J000 'addr=7"},
-        Row{"if a 10 else 20\n10 stop\n20 stop",
-            "pushlocal a; iffalse +5; jump J000 'addr=11; "
-            "jmpfwd +3; jump J001 'addr=12; stop; stop"},
-        Row{"if a then 10 : stop\n10", "pushlocal a; iffalse +3; jump J000 'addr=8; stop"},
-        Row{"if a then if b then stop else end",
-            "pushlocal a; iffalse +10; pushlocal b; iffalse "
-            "+4; stop; jmpfwd +2; end"},
-        Row{"if a then stop else if b then end else stop",
-            "pushlocal a; iffalse +4; stop; jmpfwd +10; pushlocal b; iffalse +4; end; jmpfwd +2; "
-            "stop"},
-        Row{"if a then\nend if", "pushlocal a; iffalse +1"},
-        Row{"if a ' note\nstop\nendif", "pushlocal a; iffalse +2; stop"},
-        Row{"if a then : stop : end if", "pushlocal a; iffalse +2; stop"},
-        Row{"if a then\nstop\nelse end : end if", "pushlocal a; iffalse +4; stop; jmpfwd +2; end"},
-        Row{"if a then\nstop\nelse if b\nend\nelseif c then\nelse\nreturn\nend if",
-            "pushlocal a; iffalse +4; stop; jmpfwd +18; pushlocal b; iffalse +4; end; jmpfwd +10; "
-            "pushlocal c; iffalse +3; jmpfwd +3; pushinvalid; return"}));
+    testing::Values(Row{"if a then x = 1", "a; iffalse +6; 1; -> x"},
+                    Row{"if a x = 1", "a; iffalse +6; 1; -> x"},
+                    Row{"if a then x = 1 else y = 2", "a; iffalse +8; 1; -> x; jmpfwd +6; 2; -> y"},
+                    Row{"if a then x = 1 : y = 2 : else stop : end",
+                        "a; iffalse +13; 1; -> x; 2; -> y; jmpfwd +3; stop; end"},
+                    Row{"if a then there\nthere:", "a; iffalse +3; jump J0@7"},
+                    Row{"if a 10 else 20\n10 stop\n20 stop",
+                        "a; iffalse +5; jump J0@11; jmpfwd +3; jump J1@12; stop; stop"},
+                    Row{"if a then 10 : stop\n10", "a; iffalse +3; jump J0@8; stop"},
+                    Row{"if a then if b then stop else end",
+                        "a; iffalse +10; b; iffalse +4; stop; jmpfwd +2; end"},
+                    Row{"if a then stop else if b then end else stop",
+                        "a; iffalse +4; stop; jmpfwd +10; b; iffalse +4; end; jmpfwd +2; stop"},
+                    Row{"if a then\nend if", "a; iffalse +1"},
+                    Row{"if a ' note\nstop\nendif", "a; iffalse +2; stop"},
+                    Row{"if a then : stop : end if", "a; iffalse +2; stop"},
+                    Row{"if a then\nstop\nelse end : end if",
+                        "a; iffalse +4; stop; jmpfwd +2; end"},
+                    Row{"if a then\nstop\nelse if b\nend\nelseif c then\nelse\nreturn\nend if",
+                        "a; iffalse +4; stop; jmpfwd +18; b; iffalse +4; end; jmpfwd +10; c; "
+                        "iffalse +3; jmpfwd +3; invalid; return"}));
 
 // The labels of a FOR are its exit and its body, those of a WHILE its top and its exit.
 INSTANTIATE_TEST_SUITE_P(
     Loops, CompiledStatement,
     testing::Values(
         Row{"for i = 1 to n\nprint i\nnext",
-            "pushint #1; poplocal i; pushlocal n; pushint #1; for i, J000 ' jump to addr=24; "
-            "pushlocal i; print num_args=1, pattern=PNE; next i, J001 ' jump to addr=13; drop; "
-            "drop"},
+            "1; -> i; n; 1; for i, J0@24; i; print 1 PNE; next i, J1@13; drop; drop"},
         Row{"for i% = 1 to 2 step -1 : end for",
-            "pushint #1; convert [sp], newtype=Integer; poplocal i%; pushint #2; pushint #1; neg; "
-            "for i%, J000 ' jump to addr=18; next i%, J001 ' jump to addr=15; drop; drop"},
+            "1; as Integer; -> i%; 2; 1; neg; for i%, J0@18; next i%, J1@15; drop; drop"},
         Row{"for i = 0 to 1\nfor j = 0 to 1\nexit for\nnext j\nnext I",
-            "pushint #0; poplocal i; pushint #1; pushint #1; for i, J000 ' jump to addr=34; "
-            "pushint #0; poplocal j; pushint #1; pushint #1; for j, J002 ' jump to addr=29; jump "
-            "J002 'addr=29; next j, J003 ' jump to addr=24; drop; drop; next i, J001 ' jump to "
-            "addr=12; drop; drop"},
+            "0; -> i; 1; 1; for i, J0@34; 0; -> j; 1; 1; for j, J2@29; jump J2@29; next j, J3@24; "
+            "drop; drop; next i, J1@12; drop; drop"},
         Row{"for each e in c\nexit for\nnext e",
-            "pushlocal c; foreach e, J000 ' jump to addr=11; jump J000 'addr=11; nexteach e, J001 "
-            "' jump to addr=6; drop; drop"},
+            "c; foreach e, J0@11; jump J0@11; nexteach e, J1@6; drop; drop"},
         Row{"for each e in [] : endfor e",
-            kNewArray + "; foreach e, J000 ' jump to addr=13; nexteach e, J001 ' jump to addr=10; "
-                        "drop; drop"},
-        Row{"while a\nend while", "pushlocal a; iffalse J001 'addr=7; jump J000 'addr=0"},
+            kNewArray + "; foreach e, J0@13; nexteach e, J1@10; drop; drop"},
+        Row{"while a\nend while", "a; iffalse J1@7; jump J0@0"},
         Row{"while a : exit while : exitwhile : endwhile",
-            "pushlocal a; iffalse J001 'addr=11; jump J001 'addr=11; jump J001 'addr=11; jump J000 "
-            "'addr=0"},
+            "a; iffalse J1@11; jump J1@11; jump J1@11; jump J0@0"},
         // Leaving the outer WHILE leaves what the FOR keeps on the stack.
         Row{"while a\nfor i = 0 to 1\nexit while\nnext\nend while",
-            "pushlocal a; iffalse J001 'addr=26; pushint #0; poplocal i; pushint #1; pushint #1; "
-            "for i, J002 ' jump to addr=22; jump J001 'addr=26; next i, J003 ' jump to addr=17; "
-            "drop; drop; jump J000 'addr=0"},
+            "a; iffalse J1@26; 0; -> i; 1; 1; for i, J2@22; jump J1@26; next i, J3@17; drop; drop; "
+            "jump J0@0"},
         Row{"for i = 0 to 1\nwhile a\nexit for\nend while\nnext",
-            "pushint #0; poplocal i; pushint #1; pushint #1; for i, J000 ' jump to addr=24; "
-            "pushlocal a; iffalse J003 'addr=21; jump J000 'addr=24; jump J002 'addr=12; next i, "
-            "J001 ' jump to addr=12; drop; drop"}));
+            "0; -> i; 1; 1; for i, J0@24; a; iffalse J3@21; jump J0@24; jump J2@12; next i, J1@12; "
+            "drop; drop"}));
 
 // --- Functions --------------------------------------------------------------------------------
 
@@ -412,44 +305,35 @@ TEST_P(CompiledFunction, Becomes) {
 INSTANTIATE_TEST_SUITE_P(
     Headers, CompiledFunction,
     testing::Values(
-        FunctionRow{"sub f()\nend sub", "12 | 0 | global=5 m=4 ", "pushinvalid; return"},
-        FunctionRow{"FUNCTION F ( ) : ENDFUNCTION", "13 | 0 | global=5 m=4 ",
-                    "pushinvalid; return"},
+        FunctionRow{"sub f()\nend sub", "12 | 0 | global=5 m=4 ", "invalid; return"},
+        FunctionRow{"FUNCTION F ( ) : ENDFUNCTION", "13 | 0 | global=5 m=4 ", "invalid; return"},
         FunctionRow{"sub f() as integer\nreturn 1\nend sub", "1 | 0 | global=5 m=4 ",
-                    "pushint #1; convert [sp], newtype=Integer; return; pushint #0; convert [sp], "
-                    "newtype=Integer; return"},
+                    "1; as Integer; return; 0; as Integer; return"},
         FunctionRow{"function f() as void\nreturn\nend function", "12 | 0 | global=5 m=4 ",
-                    "pushinvalid; return; pushinvalid; return"},
+                    "invalid; return; invalid; return"},
         FunctionRow{"function f()\nreturn a\nend function", "13 | 0 | global=5 m=4 a=13 ",
-                    "pushlocal a; return; pushinvalid; return"},
+                    "a; return; invalid; return"},
         FunctionRow{"function f(a, b$, c as Object) as Double\nend function",
                     "13 14 4 15 | 65535 65535 65535 0 | a=13 b$=14 c=4 global=5 m=4 ",
-                    "convert b$, newtype=koString; convert c, newtype=Component; pushint #0; "
-                    "convert [sp], newtype=koDouble; return"},
-        FunctionRow{
-            "function f(a as float, b = 2, c% = b as integer)\nend function",
-            "2 13 1 13 | 65535 0 5 13 | a=2 b=13 c%=1 global=5 m=4 ",
-            "pushint #2; poplocal b; pushlocal b; convert [sp], newtype=Integer; poplocal c%; "
-            "convert a, newtype=Float; convert c%, newtype=Integer; pushinvalid; return"},
+                    "b$ as koString; c as Component; 0; as koDouble; return"},
+        FunctionRow{"function f(a as float, b = 2, c% = b as integer)\nend function",
+                    "2 13 1 13 | 65535 0 5 13 | a=2 b=13 c%=1 global=5 m=4 ",
+                    "2; -> b; b; as Integer; -> c%; a as Float; c% as Integer; invalid; return"},
         // A default may read anything; what it registers is registered again behind the rest.
         FunctionRow{"sub f(a = b + g())\nb = 1\nend sub\nsub g()\nend sub",
                     "13 12 | 0 14 | a=13 global=5 m=4 b=13 ",
-                    "pushlocal b; pushfun #g; num_fun_args 0; call [sp-0]; add; poplocal a; "
-                    "pushint #1; poplocal b; pushinvalid; return"},
+                    "b; &g; args 0; call 0; add; -> a; 1; -> b; invalid; return"},
         FunctionRow{"sub f(a as integer, b as single, c as double, d as boolean, e as string, f as "
                     "object, g as function, h as dynamic)\nend sub",
                     "1 2 15 3 14 4 6 13 12 | 65535 65535 65535 65535 65535 65535 65535 65535 0 | "
                     "a=1 b=2 c=15 d=3 e=14 f=4 g=6 h=13 global=5 m=4 ",
-                    "convert a, newtype=Integer; convert b, newtype=Float; convert c, "
-                    "newtype=koDouble; convert d, newtype=Boolean; convert e, newtype=koString; "
-                    "convert f, newtype=Component; convert g, newtype=Function; pushinvalid; "
-                    "return"},
+                    "a as Integer; b as Float; c as koDouble; d as Boolean; e as koString; f as "
+                    "Component; g as Function; invalid; return"},
         // A parameter keeps its declared type when it is assigned.
         FunctionRow{"sub f(a as string)\na = 1\nend sub", "14 12 | 65535 0 | a=14 global=5 m=4 ",
-                    "convert a, newtype=koString; pushint #1; convert [sp], newtype=koString; "
-                    "poplocal a; pushinvalid; return"},
+                    "a as koString; 1; as koString; -> a; invalid; return"},
         FunctionRow{"sub f(m)\nm = 1\nend sub", "13 12 | 65535 0 | m=13 global=5 m=4 ",
-                    "pushint #1; poplocal m; pushinvalid; return"}));
+                    "1; -> m; invalid; return"}));
 
 TEST(CompiledFunction, AnonymousOnesBelongToTheFunctionAround) {
   Compiler compiler;
@@ -476,10 +360,9 @@ TEST(CompiledFunction, AnonymousOnesBelongToTheFunctionAround) {
   EXPECT_LT(std::stoul(middle->name.substr(6), nullptr, 16),
             std::stoul(inner->name.substr(6), nullptr, 16));
   EXPECT_EQ(instructions(outer),
-            "pushlocal a; iffalse J001 'addr=15; pushfun #$anon; poplocal f; "
-            "jump J001 'addr=15; jump J000 'addr=0; pushinvalid; return");
+            "a; iffalse J1@15; &$anon; -> f; jump J1@15; jump J0@0; invalid; return");
   EXPECT_EQ(header(inner), "13 | 0 | global=5 m=4 a=13 ");
-  EXPECT_EQ(instructions(inner), "pushlocal a; return; pushinvalid; return");
+  EXPECT_EQ(instructions(inner), "a; return; invalid; return");
 }
 
 TEST(CompiledFunction, MainIsFoundInAnyCase) {
@@ -764,13 +647,12 @@ TEST(CompilerLimits, JumpsThatAreTooFarGoToLabels) {
     return code.substr(0, code.find(';', code.find(';') + 1));
   };
   // 245 bytes of assignments, up to 14 more, and the operand itself.
-  EXPECT_EQ(tail(body + repeated(5, ":stop")), "pushlocal a; iffalse +255");
-  EXPECT_EQ(tail(body + repeated(6, ":stop")), "pushlocal a; iffalse J000 'addr=260");
-  EXPECT_EQ(tail(body + repeated(3, ":stop") + " else stop"), "pushlocal a; iffalse +255");
-  EXPECT_EQ(tail(body + repeated(4, ":stop") + " else stop"),
-            "pushlocal a; iffalse J000 'addr=260");
+  EXPECT_EQ(tail(body + repeated(5, ":stop")), "a; iffalse +255");
+  EXPECT_EQ(tail(body + repeated(6, ":stop")), "a; iffalse J0@260");
+  EXPECT_EQ(tail(body + repeated(3, ":stop") + " else stop"), "a; iffalse +255");
+  EXPECT_EQ(tail(body + repeated(4, ":stop") + " else stop"), "a; iffalse J0@260");
   // The jump over a long ELSE part, of a line and of a block.
-  const std::string end = "pushlocal a; iffalse +4; stop; jump J000 'addr=264; stop";
+  const std::string end = "a; iffalse +4; stop; jump J0@264; stop";
   const std::string stops = repeated(255, ":stop");
   EXPECT_EQ(compiler.compile("if a then stop else stop" + stops).code().substr(0, end.size()), end);
   EXPECT_EQ(compiler.compile("if a then\nstop\nelse" + stops + ":stop\nend if")
@@ -874,19 +756,18 @@ INSTANTIATE_TEST_SUITE_P(
 
 INSTANTIATE_TEST_SUITE_P(
     SeveralLines, CompilerLines,
-    testing::Values(LineRow{"x = {\n  a: 1\n  b: 2\n}\nstop", "", "0:1 2:2 8:3 14:4 17:5"},
-                    // What converts belongs to the target's line.
-                    LineRow{"x$ = {\n  a: 1\n}\nstop", "", "0:1 2:2 8:1 13:4"},
-                    // The target's code moves behind the value's and keeps its line.
-                    LineRow{"o.m = {\n  a: 1\n  b: 2\n}\nstop", "", "0:1 2:2 8:3 14:1 19:5"},
-                    LineRow{"x = 1\no.m = {\n  a: 1\n} : y = 2\nstop", "",
-                            "0:1 5:2 7:3 13:2 18:4 23:5"},
-                    LineRow{"a[{\n  k: 1\n}] = {\n  l: 2\n}\nstop",
-                            "{}; dup; pushint #2; swap; dotset l; pushlocal a; "
-                            "{}; dup; pushint #1; swap; dotset k; array_set [sp-1]; stop",
-                            "0:3 2:4 8:1 13:2 19:3 21:6"},
-                    // The prefix of a call is inserted before its arguments.
-                    LineRow{"x = len({\n  a: 1\n}, 2)\nstop", "", "0:1 7:2 13:3 20:4"}));
+    testing::Values(
+        LineRow{"x = {\n  a: 1\n  b: 2\n}\nstop", "", "0:1 2:2 8:3 14:4 17:5"},
+        // What converts belongs to the target's line.
+        LineRow{"x$ = {\n  a: 1\n}\nstop", "", "0:1 2:2 8:1 13:4"},
+        // The target's code moves behind the value's and keeps its line.
+        LineRow{"o.m = {\n  a: 1\n  b: 2\n}\nstop", "", "0:1 2:2 8:3 14:1 19:5"},
+        LineRow{"x = 1\no.m = {\n  a: 1\n} : y = 2\nstop", "", "0:1 5:2 7:3 13:2 18:4 23:5"},
+        LineRow{"a[{\n  k: 1\n}] = {\n  l: 2\n}\nstop",
+                "{}; dup; 2; swap; dotset l; a; {}; dup; 1; swap; dotset k; array_set 1; stop",
+                "0:3 2:4 8:1 13:2 19:3 21:6"},
+        // The prefix of a call is inserted before its arguments.
+        LineRow{"x = len({\n  a: 1\n}, 2)\nstop", "", "0:1 7:2 13:3 20:4"}));
 
 TEST_P(CompilerLines, CoverAllCode) {
   Compiler compiler;

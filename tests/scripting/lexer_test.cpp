@@ -18,7 +18,7 @@ void PrintTo(const Row& row, std::ostream* os) { *os << row.text.substr(0, 60); 
 // What an expression becomes, without the assignment around it.
 std::string expression(Compiler& compiler, const std::string& text) {
   std::string code = compiler.compile("x = " + text).code();
-  const size_t tail = code.find("; poplocal x; end");
+  const size_t tail = code.find("; -> x; end");
   return tail != std::string::npos ? code.substr(0, tail) : code;
 }
 
@@ -33,27 +33,27 @@ TEST_P(LexerNumber, HasKindAndValue) {
 
 INSTANTIATE_TEST_SUITE_P(
     Decimal, LexerNumber,
-    testing::Values(
-        Row{"0", "pushint #0"}, Row{"007", "pushint #7"}, Row{"123456789", "pushint #123456789"},
-        Row{"7%", "pushint #7"}, Row{"7!", "pushfloat #7.000000"}, Row{"2#", "pushdoub #2"},
-        Row{"1234567890", "pushdoub #1.23457e+09"}, Row{"0.123456789", "pushdoub #0.123457"},
-        Row{"0.12345678", "pushfloat #0.123457"}, Row{"0000000001", "pushdoub #1"},
-        Row{"1234567890%", "pushdoub #1.23457e+09"}, Row{"1234567890!", "pushdoub #1.23457e+09"},
-        Row{"1.5", "pushfloat #1.500000"}, Row{"1.5%", "pushfloat #1.500000"},
-        Row{"1.5#", "pushdoub #1.5"}, Row{".5", "pushfloat #0.500000"},
-        Row{"1.2.3", "pushfloat #1.200000"}, Row{"1e3", "pushfloat #1000.000000"},
-        Row{"1E-2", "pushfloat #0.010000"}, Row{"1e+2%", "pushfloat #100.000000"},
-        Row{"1e", "pushfloat #1.000000"}, Row{"1e+", "pushfloat #1.000000"},
-        Row{"1e3#", "pushdoub #1000"}, Row{"2d0", "pushdoub #2"}, Row{"1.5D3", "pushdoub #1.5"},
-        Row{"1d3!", "pushdoub #1"}, Row{"1e39", "pushfloat #inf"},
-        Row{"1e-50", "pushfloat #0.000000"}, Row{"1e999#", "pushdoub #inf"},
-        Row{"4.9e-324#", "pushdoub #4.94066e-324"}, Row{"1e999", "pushfloat #inf"}));
+    testing::Values(Row{"0", "0"}, Row{"007", "7"}, Row{"123456789", "123456789"}, Row{"7%", "7"},
+                    Row{"7!", "pushfloat #7.000000"}, Row{"2#", "pushdoub #2"},
+                    Row{"1234567890", "pushdoub #1.23457e+09"},
+                    Row{"0.123456789", "pushdoub #0.123457"},
+                    Row{"0.12345678", "pushfloat #0.123457"}, Row{"0000000001", "pushdoub #1"},
+                    Row{"1234567890%", "pushdoub #1.23457e+09"},
+                    Row{"1234567890!", "pushdoub #1.23457e+09"}, Row{"1.5", "pushfloat #1.500000"},
+                    Row{"1.5%", "pushfloat #1.500000"}, Row{"1.5#", "pushdoub #1.5"},
+                    Row{".5", "pushfloat #0.500000"}, Row{"1.2.3", "pushfloat #1.200000"},
+                    Row{"1e3", "pushfloat #1000.000000"}, Row{"1E-2", "pushfloat #0.010000"},
+                    Row{"1e+2%", "pushfloat #100.000000"}, Row{"1e", "pushfloat #1.000000"},
+                    Row{"1e+", "pushfloat #1.000000"}, Row{"1e3#", "pushdoub #1000"},
+                    Row{"2d0", "pushdoub #2"}, Row{"1.5D3", "pushdoub #1.5"},
+                    Row{"1d3!", "pushdoub #1"}, Row{"1e39", "pushfloat #inf"},
+                    Row{"1e-50", "pushfloat #0.000000"}, Row{"1e999#", "pushdoub #inf"},
+                    Row{"4.9e-324#", "pushdoub #4.94066e-324"}, Row{"1e999", "pushfloat #inf"}));
 
 INSTANTIATE_TEST_SUITE_P(Hexadecimal, LexerNumber,
-                         testing::Values(Row{"&h1F", "pushint #31"}, Row{"& H1f", "pushint #31"},
-                                         Row{"&HFFFFFFFF", "pushint #-1"},
-                                         Row{"&h1FFFFFFFF", "pushint #-1"}, Row{"&h", "pushint #0"},
-                                         Row{"&h80000000", "pushint #-2147483648"},
+                         testing::Values(Row{"&h1F", "31"}, Row{"& H1f", "31"},
+                                         Row{"&HFFFFFFFF", "-1"}, Row{"&h1FFFFFFFF", "-1"},
+                                         Row{"&h", "0"}, Row{"&h80000000", "-2147483648"},
                                          Row{"&hg", "errors 2(1)"}, Row{"&1", "errors 2(1)"},
                                          Row{"&", "errors 2(1)"}));
 
@@ -67,7 +67,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Lexer, DotWithoutDigitIsZeroAndConsumesNothing) {
   Compiler compiler;
-  EXPECT_EQ(expression(compiler, ".a"), "pushint #0; dot a");
+  EXPECT_EQ(expression(compiler, ".a"), "0; dot a");
   EXPECT_EQ(compiler.compile("x = .").errors(), "2(1)");
   // The items of PRINT come to an end all the same.
   EXPECT_EQ(compiler.compile("print .").errors(), "2(1)");
@@ -91,17 +91,17 @@ TEST_P(LexerText, IsReadUpToItsFirstQuote) {
   EXPECT_EQ(compiler.compile(GetParam().text).code(), GetParam().expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Texts, LexerText,
-    testing::Values(Row{"x = \"\"", "pushstring #\"\"; poplocal x; end"},
-                    Row{"x = \"a\\n'b:c\"", "pushstring #\"a\\n'b:c\"; poplocal x; end"},
-                    Row{"x = \"h\xc3\xa9\"", "pushstring #\"h\xc3\xa9\"; poplocal x; end"},
-                    Row{"x = \"a\"\"b\"", "errors 2(1)"}, Row{"x = \"open", "errors 179(1)"},
-                    Row{"y = 1\nx = \"open\nz = 2\"", "errors 179(2) 2(3)"},
-                    Row{"x = \"cr\rlf\"", "errors 179(1) 2(2)"},
-                    Row{"x = \"cr\r\nlf\"", "errors 179(1) 2(2)"},
-                    Row{"x = createobject(\"open", "errors 179(1)"},
-                    Row{"library \"open", "errors 179(1)"}));
+INSTANTIATE_TEST_SUITE_P(Texts, LexerText,
+                         testing::Values(Row{"x = \"\"", "\"\"; -> x; end"},
+                                         Row{"x = \"a\\n'b:c\"", "\"a\\n'b:c\"; -> x; end"},
+                                         Row{"x = \"h\xc3\xa9\"", "\"h\xc3\xa9\"; -> x; end"},
+                                         Row{"x = \"a\"\"b\"", "errors 2(1)"},
+                                         Row{"x = \"open", "errors 179(1)"},
+                                         Row{"y = 1\nx = \"open\nz = 2\"", "errors 179(2) 2(3)"},
+                                         Row{"x = \"cr\rlf\"", "errors 179(1) 2(2)"},
+                                         Row{"x = \"cr\r\nlf\"", "errors 179(1) 2(2)"},
+                                         Row{"x = createobject(\"open", "errors 179(1)"},
+                                         Row{"library \"open", "errors 179(1)"}));
 
 // --- Names ------------------------------------------------------------------------------------
 
@@ -153,14 +153,13 @@ TEST(Lexer, OtherWordsOfTheLanguageAreNames) {
   for (const char* name : {"in", "as", "mod", "endfor", "integer", "object", "void", "dynamic",
                            "single", "double", "string", "boolean", "remark", "_", "x9_"}) {
     const std::string text = std::string(name) + " = 5";
-    EXPECT_EQ(compiler.compile(text).code(), std::string("pushint #5; poplocal ") + name + "; end");
+    EXPECT_EQ(compiler.compile(text).code(), std::string("5; -> ") + name + "; end");
   }
 }
 
 TEST(Lexer, CaseIsIgnoredAndTheSuffixBelongsToTheName) {
   Compiler compiler;
-  EXPECT_EQ(compiler.compile("Foo = 1\nfOO = foo").code(),
-            "pushint #1; poplocal foo; pushlocal foo; poplocal foo; end");
+  EXPECT_EQ(compiler.compile("Foo = 1\nfOO = foo").code(), "1; -> foo; foo; -> foo; end");
   const Program program = compiler.compile("x = 1\nx% = 2\nx$ = \"\"\nx! = 3\nx# = 4");
   ASSERT_EQ(program.errors(), "");
   std::string types;
@@ -174,18 +173,18 @@ TEST(Lexer, BytesAbove127BelongToNoName) {
   Compiler compiler;
   EXPECT_EQ(compiler.compile("x\xc3\xa9 = 1").errors(), "2(1)");
   EXPECT_EQ(compiler.compile("x = 1\xa0").errors(), "2(1)");
-  EXPECT_EQ(compiler.compile("x = 1 ' \xc3\xa9\nrem \xff").code(), "pushint #1; poplocal x; end");
+  EXPECT_EQ(compiler.compile("x = 1 ' \xc3\xa9\nrem \xff").code(), "1; -> x; end");
 }
 
 TEST(Lexer, ModNeedsNoWordBoundary) {
   Compiler compiler;
-  EXPECT_EQ(expression(compiler, "5 mod3"), "pushint #5; pushint #3; mod");
-  EXPECT_EQ(expression(compiler, "5MODe"), "pushint #5; pushlocal e; mod");
-  EXPECT_EQ(expression(compiler, "a mode"), "pushlocal a; pushlocal e; mod");
-  EXPECT_EQ(expression(compiler, "mode"), "pushlocal mode");
+  EXPECT_EQ(expression(compiler, "5 mod3"), "5; 3; mod");
+  EXPECT_EQ(expression(compiler, "5MODe"), "5; e; mod");
+  EXPECT_EQ(expression(compiler, "a mode"), "a; e; mod");
+  EXPECT_EQ(expression(compiler, "mode"), "mode");
   // AND, OR and NOT are whole words.
   EXPECT_EQ(compiler.compile("x = a andb").errors(), "2(1)");
-  EXPECT_EQ(expression(compiler, "nota"), "pushlocal nota");
+  EXPECT_EQ(expression(compiler, "nota"), "nota");
 }
 
 // --- Statement ends and lines -----------------------------------------------------------------
@@ -229,7 +228,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(Lexer, StatementsAreSeparatedByColonsAndComments) {
   Compiler compiler;
-  const std::string both = "pushint #1; poplocal a; pushint #2; poplocal b; end";
+  const std::string both = "1; -> a; 2; -> b; end";
   for (const char* text :
        {"a = 1 : b = 2", "a=1:b=2:", ":: a = 1 ::: b = 2", "a = 1 ' x\nb = 2",
         "a = 1 ' : b = 3\nb = 2", "a = 1\n\n\t\n  b = 2", "a = 1 : rem c = 3\nb = 2",
@@ -241,9 +240,8 @@ TEST(Lexer, StatementsAreSeparatedByColonsAndComments) {
 TEST(Lexer, LineNumIsTheLineOfTheWord) {
   Compiler compiler;
   EXPECT_EQ(compiler.compile("x = line_num\nx = [\nLINE_NUM]").code(),
-            "pushint #1; poplocal x; pushstring #\"koArray\"; pushint #10; pushbool true; "
-            "call_createobject_exp num_args=3; dup; dot push; num_fun_args 1; pushint #3; "
-            "call [sp-1]; drop; poplocal x; end");
+            "1; -> x; \"koArray\"; 10; true; createobject_exp(3); dup; dot push; args 1; 3; call "
+            "1; drop; -> x; end");
 }
 
 // Each line's record has its text, with a line end only where the text's own is two characters or

@@ -255,12 +255,12 @@ TEST(Module, SeveralTextsKnowEachOthersFunctions) {
   Compiler compiler;
   EXPECT_EQ(compileAll(compiler, {{"a.plm", "sub main()\nf()\nend sub"},
                                   {"b.plm", "' later\n\nsub f()\nmain()\nend sub"}}),
-            "[main: pushfun #f; num_fun_args 0; call [sp-0]; drop; pushinvalid; return][f: pushfun "
-            "#main; num_fun_args 0; call [sp-0]; drop; pushinvalid; return] main");
+            "[main: &f; args 0; call 0; drop; invalid; return][f: &main; args 0; call 0; drop; "
+            "invalid; return] main");
   EXPECT_EQ(compileAll(compiler, {{"a.plm", "sub f()\nend sub"}, {"b.plm", "\nsub F()\nend sub"}}),
             "b.plm: 173(2)");
   EXPECT_EQ(compileAll(compiler, {{"a.plm", "sub f()\nend sub"}, {"b.plm", ""}}),
-            "[f: pushinvalid; return] none");
+            "[f: invalid; return] none");
   EXPECT_EQ(compileAll(compiler, {}), "[main: end] main");
   EXPECT_EQ(compileAll(compiler, {{"a.plm", "\n"}, {"b.plm", "' nothing"}}), "[main: end] main");
 }
@@ -483,16 +483,14 @@ TEST_F(LiveCompilation, AppendsToTheCodeThatIsThere) {
   const std::vector<uint8_t> before = main->code;
   EXPECT_EQ(live("y = x : a% = 2\nprint z"), "");
   EXPECT_EQ(start, before.size());
-  EXPECT_EQ(appended(),
-            "pushlocal x; poplocal y; pushint #2; convert [sp], newtype=Integer; "
-            "poplocal a%; pushlocal z; print num_args=1, pattern=PNE; end");
+  EXPECT_EQ(appended(), "x; -> y; 2; as Integer; -> a%; z; print 1 PNE; end");
   EXPECT_EQ(main->variable_count, 6u);
   EXPECT_TRUE(std::equal(before.begin(), before.end(), main->code.begin()));
 
   const auto first_end = static_cast<uint32_t>(main->code.size());
   EXPECT_EQ(live("return"), "");
   EXPECT_EQ(start, first_end);
-  EXPECT_EQ(appended(), "pushinvalid; return; end");
+  EXPECT_EQ(appended(), "invalid; return; end");
   // Lines go on behind those of the module; old code keeps its lines.
   EXPECT_EQ(lineMap(main), "0:1 3:2 9:3 11:4 24:5 33:6");
   const psLineData* line = DebugPCToLine(program->module(), static_cast<int32_t>(start), main);
@@ -501,7 +499,7 @@ TEST_F(LiveCompilation, AppendsToTheCodeThatIsThere) {
   EXPECT_EQ(live(""), "");
   EXPECT_EQ(appended(), "end");
   EXPECT_EQ(live("' nothing\r\n\r\n x = 1 :"), "");
-  EXPECT_EQ(appended(), "pushint #1; poplocal x; end");
+  EXPECT_EQ(appended(), "1; -> x; end");
 }
 
 TEST_F(LiveCompilation, KnowsTheFunctionsLabelsAndItsResult) {
@@ -509,16 +507,15 @@ TEST_F(LiveCompilation, KnowsTheFunctionsLabelsAndItsResult) {
       "function main() as integer\nhere:\nx = 1\nif x then here\nreturn helper(1)\nend function\n"
       "function helper(a)\nreturn a\nend function");
   EXPECT_EQ(live("goto here"), "");
-  EXPECT_EQ(appended(), "jump J000 'addr=0; end");
+  EXPECT_EQ(appended(), "jump J0@0; end");
   EXPECT_EQ(live("while x : goto there : end while\nthere:\nreturn helper"), "");
   // The function's labels go on being numbered.
-  EXPECT_EQ(appended().substr(0, 24), "pushlocal x; iffalse J00");
-  EXPECT_NE(appended().find("pushfun #helper; convert [sp], newtype=Integer; return; end"),
-            std::string::npos);
+  EXPECT_TRUE(appended().starts_with("x; iffalse J")) << appended();
+  EXPECT_NE(appended().find("&helper; as Integer; return; end"), std::string::npos);
   EXPECT_EQ(main->label_positions.size(), 4u);
   EXPECT_EQ(main->label_positions[2], main->label_positions[3]);
   EXPECT_EQ(live("f = function(n) : return n : end function"), "");
-  EXPECT_EQ(appended(), "pushfun #$anon; poplocal f; end");
+  EXPECT_EQ(appended(), "&$anon; -> f; end");
   EXPECT_EQ(program->module()->functions.size(), 3u);
   EXPECT_EQ(program->module()->functions[2]->parent, main);
 }
@@ -552,7 +549,7 @@ TEST_F(LiveCompilation, FailsWithoutATrace) {
     EXPECT_EQ(contents(program->module()), before) << row.text;
   }
   EXPECT_EQ(live("z = 1"), "");
-  EXPECT_EQ(appended(), "pushint #1; poplocal z; end");
+  EXPECT_EQ(appended(), "1; -> z; end");
 }
 
 }  // namespace
