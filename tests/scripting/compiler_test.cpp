@@ -1,5 +1,4 @@
 // What the compiler makes of every expression, statement and function header, and what it refuses.
-#include <functional>
 #include <random>
 
 #include "compiled.h"
@@ -519,14 +518,21 @@ TEST(CompileErrors, MissingLabelsKnowTheirLines) {
 
 // --- Limits -----------------------------------------------------------------------------------
 
-// What compiles, and with one more does not.
+// A text around a number of copies of a piece, in which "~" is the copy's number, and as many of
+// its closing half. It compiles, and with one copy more it does not.
 struct Limit {
-  const char* name;
   int most;
-  std::function<std::string(int)> text;
-  std::string errors;  // of one more
+  const char* errors;  // of one more
+  const char* before;
+  const char* piece;
+  std::string between = "";
+  const char* closing = "";
+
+  std::string text(int n) const {
+    return before + numbered(n, piece) + between + repeated(n, closing);
+  }
 };
-void PrintTo(const Limit& limit, std::ostream* os) { *os << limit.name; }
+void PrintTo(const Limit& limit, std::ostream* os) { *os << limit.before << limit.piece; }
 
 class CompilerLimits : public testing::TestWithParam<Limit> {};
 
@@ -537,107 +543,58 @@ TEST_P(CompilerLimits, HoldExactly) {
   EXPECT_EQ(compiler.compile(limit.text(limit.most + 1)).errors(), limit.errors);
 }
 
-// An operand of so many bytes that the chain around it has the distance asked for.
-std::string chainOfDistance(int n, const char* op) {
-  const int body = n - 4;  // the placeholder, a pushint and the operator
-  return std::string("x = a ") + op + ' ' + repeated(body % 3, "-") + '1' +
-         repeated(body / 3, " + 1");
-}
+// An operand of 255 bytes: as many NEGs as the row has copies, 61 numbers of two bytes with their
+// 60 ADDs, the operator itself and one byte before all of it.
+const std::string kSum = "1" + repeated(60, " + 1");
 
-INSTANTIATE_TEST_SUITE_P(
-    Chains, CompilerLimits,
-    testing::Values(
-        Limit{"and operators", 32, [](int n) { return "x = a" + repeated(n, " and a"); }, "174(1)"},
-        Limit{"or operators", 32, [](int n) { return "x = a" + repeated(n, " or a"); }, "174(1)"},
-        Limit{"and distance", 255, [](int n) { return chainOfDistance(n, "and"); }, "174(1)"},
-        Limit{"or distance", 255, [](int n) { return chainOfDistance(n, "or"); }, "174(1)"}));
+INSTANTIATE_TEST_SUITE_P(Chains, CompilerLimits,
+                         testing::Values(Limit{32, "174(1)", "x = a", " and a"},
+                                         Limit{32, "174(1)", "x = a", " or a"},
+                                         Limit{71, "174(1)", "x = a and ", "-", kSum},
+                                         Limit{71, "174(1)", "x = a or ", "-", kSum}));
 
 INSTANTIATE_TEST_SUITE_P(
     Tables, CompilerLimits,
     testing::Values(
-        Limit{"assigned variables", 253, [](int n) { return numbered(n, "v~ = 0\n"); }, "176(254)"},
-        Limit{"variables read", 253, [](int n) { return "print " + numbered(n, "v~\nprint "); },
-              "176(256)"},
-        Limit{"members' variables", 253, [](int n) { return numbered(n, "v~.x = 0\n"); },
-              "176(254)"},
-        Limit{"called variables", 253, [](int n) { return numbered(n, "v~.x()\n"); }, "176(254)"},
-        Limit{"dimmed variables", 253, [](int n) { return numbered(n, "dim v~[1]\n"); },
-              "176(254)"},
-        Limit{"loop variables", 253,
-              [](int n) { return numbered(n - 1, "v~ = 0\n") + "for i = 0 to 1\nnext"; },
-              "176(254)"},
-        Limit{"enumeration variables", 253,
-              [](int n) { return numbered(n - 1, "v~ = 0\n") + "for each i in []\nnext"; },
-              "176(254)"},
-        Limit{"parameters", 253,
-              [](int n) { return "sub a(" + numbered(n - 1, "p~,") + "q)\nend sub"; }, "176(1)"},
-        Limit{"float constants", 255, [](int n) { return numbered(n, "x = ~.5\n"); }, "177(256)"},
-        Limit{"double constants", 255, [](int n) { return numbered(n, "x = ~.5#\n"); }, "177(256)"},
-        Limit{"integer constants", 65535, [](int n) { return numbered(n, "x = ~\n"); },
-              "177(65536)"},
-        Limit{"text constants", 65535, [](int n) { return numbered(n, "x = \"~\"\n"); },
-              "177(65536)"},
-        Limit{"names", 65535, [](int n) { return numbered(n, "x = y.n~\n"); }, "177(65536)"},
-        Limit{"names set", 65535, [](int n) { return numbered(n, "y.n~ = 0\n"); }, "177(65536)"},
-        Limit{"names of keys", 65535, [](int n) { return "x = {" + numbered(n, "n~:0:") + '}'; },
-              "177(1)"},
-        Limit{"attributes", 65535, [](int n) { return numbered(n, "x = y@n~\n"); }, "177(65536)"},
-        Limit{"arguments", 255, [](int n) { return "f(" + repeated(n - 1, "0,") + "0)"; },
-              "174(1)"},
-        Limit{"indexes", 255, [](int n) { return "x = a[" + repeated(n - 1, "0,") + "0]"; },
-              "174(1)"},
+        Limit{253, "176(254)", "", "v~ = 0\n"}, Limit{253, "176(256)", "print ", "v~\nprint "},
+        Limit{253, "176(254)", "", "v~.x = 0\n"}, Limit{253, "176(254)", "", "v~.x()\n"},
+        Limit{253, "176(254)", "", "dim v~[1]\n"},
+        Limit{252, "176(254)", "", "v~ = 0\n", "for i = 0 to 1\nnext"},
+        Limit{252, "176(254)", "", "v~ = 0\n", "for each i in []\nnext"},
+        Limit{252, "176(1)", "sub a(", "p~,", "q)\nend sub"},
+        Limit{255, "177(256)", "", "x = ~.5\n"}, Limit{255, "177(256)", "", "x = ~.5#\n"},
+        Limit{65535, "177(65536)", "", "x = ~\n"}, Limit{65535, "177(65536)", "", "x = \"~\"\n"},
+        Limit{65535, "177(65536)", "", "x = y.n~\n"}, Limit{65535, "177(65536)", "", "y.n~ = 0\n"},
+        Limit{65535, "177(1)", "x = {", "n~:0:", "}"}, Limit{65535, "177(65536)", "", "x = y@n~\n"},
+        Limit{254, "174(1)", "f(", "0,", "0)"}, Limit{254, "174(1)", "x = a[", "0,", "0]"},
+        Limit{254, "174(1)", "dim a[", "0,", "0]"},
         // One more than the pattern holds, because it is looked at behind each item.
-        Limit{"printed values", 20, [](int n) { return "print a" + repeated(n - 1, "; a"); },
-              "2(1)"},
-        Limit{"dimensions", 255, [](int n) { return "dim a[" + repeated(n - 1, "0,") + "0]"; },
-              "174(1)"}));
+        Limit{19, "2(1)", "print a", "; a"}));
 
-// A FOR has two labels, and one that takes the last can have no body label.
-INSTANTIATE_TEST_SUITE_P(
-    Labels, CompilerLimits,
-    testing::Values(
-        Limit{"for", 127, [](int n) { return repeated(n, "for i = 0 to 1\nnext\n"); }, "161(256)"},
-        Limit{"for each", 127, [](int n) { return repeated(n, "for each i in x : next\n"); },
-              "161(128)"},
-        Limit{"while", 127, [](int n) { return repeated(n, "while x : end while\n"); }, "177(128)"},
-        // GOTO's labels are numbered behind those of loops, and one byte tells 256 of them apart.
-        Limit{"goto", 256, [](int n) { return numbered(n, "l~:\ngoto l~\n"); }, "14(l256)"}));
+// A FOR has two labels, and one that takes the last can have no body label. GOTO's labels are
+// numbered behind those of loops, and one byte tells 256 of them apart.
+INSTANTIATE_TEST_SUITE_P(Labels, CompilerLimits,
+                         testing::Values(Limit{127, "161(256)", "", "for i = 0 to 1\nnext\n"},
+                                         Limit{127, "161(128)", "", "for each i in x : next\n"},
+                                         Limit{127, "177(128)", "", "while x : end while\n"},
+                                         Limit{256, "14(l256)", "", "l~:\ngoto l~\n"}));
 
 // All that nests counts as one level, however many levels of precedence lie between.
 INSTANTIATE_TEST_SUITE_P(
     Nesting, CompilerLimits,
-    testing::Values(
-        Limit{"parentheses", 250,
-              [](int n) { return "x = " + repeated(n, "(") + '1' + repeated(n, ")"); }, "174(1)"},
-        Limit{"arrays", 250, [](int n) { return "x = " + repeated(n, "[") + repeated(n, "]"); },
-              "174(1)"},
-        Limit{"associative arrays", 250,
-              [](int n) { return "x = " + repeated(n, "{a:") + '1' + repeated(n, "}"); }, "174(1)"},
-        Limit{"minus", 250, [](int n) { return "x = " + repeated(n, "-") + '1'; }, "174(1)"},
-        Limit{"plus", 250, [](int n) { return "x = " + repeated(n, "+") + '1'; }, "174(1)"},
-        Limit{"not", 250, [](int n) { return "x = " + repeated(n, "not ") + '1'; }, "174(1)"},
-        Limit{"power", 250, [](int n) { return "x = 1" + repeated(n, "^1"); }, "174(1)"},
-        Limit{"calls", 250,
-              [](int n) { return "x = " + repeated(n, "f(") + '1' + repeated(n, ")"); }, "174(1)"},
-        Limit{"global calls", 250,
-              [](int n) { return "x = " + repeated(n, "len(") + '1' + repeated(n, ")"); },
-              "174(1)"},
-        Limit{"calls with another count", 250,
-              [](int n) { return "x = " + repeated(n, "len(1,") + '1' + repeated(n, ")"); },
-              "174(1)"},
-        Limit{"indexes", 250,
-              [](int n) { return "x = " + repeated(n, "a[") + '1' + repeated(n, "]"); }, "174(1)"},
-        Limit{"anonymous functions", 250,
-              [](int n) {
-                return "x = " + repeated(n, "function() : return ") + '1' +
-                       repeated(n, " : end function");
-              },
-              "174(1)"},
-        Limit{"blocks", 250,
-              [](int n) { return repeated(n, "if a then\n") + repeated(n, "end if\n"); },
-              "174(251)"},
-        Limit{"line ifs", 250, [](int n) { return repeated(n, "if a then ") + "stop"; },
-              "174(1)"}));
+    testing::Values(Limit{250, "174(1)", "x = ", "(", "1", ")"},
+                    Limit{250, "174(1)", "x = ", "[", "", "]"},
+                    Limit{250, "174(1)", "x = ", "{a:", "1", "}"},
+                    Limit{250, "174(1)", "x = ", "-", "1"}, Limit{250, "174(1)", "x = ", "+", "1"},
+                    Limit{250, "174(1)", "x = ", "not ", "1"}, Limit{250, "174(1)", "x = 1", "^1"},
+                    Limit{250, "174(1)", "x = ", "f(", "1", ")"},
+                    Limit{250, "174(1)", "x = ", "len(", "1", ")"},
+                    // Calls with another count of arguments than the global function's.
+                    Limit{250, "174(1)", "x = ", "len(1,", "1", ")"},
+                    Limit{250, "174(1)", "x = ", "a[", "1", "]"},
+                    Limit{250, "174(1)", "x = ", "function() : return ", "1", " : end function"},
+                    Limit{250, "174(251)", "", "if a then\n", "", "end if\n"},
+                    Limit{250, "174(1)", "", "if a then ", "stop"}));
 
 TEST(CompilerLimits, JumpsThatAreTooFarGoToLabels) {
   Compiler compiler;
@@ -814,130 +771,67 @@ class Scribbler {
   static constexpr int kFirstLine = 100;
 
  private:
-  int pick(int n) { return static_cast<int>(random_() % static_cast<unsigned>(n)); }
-  void put(std::string_view piece) { text_ += piece; }
+  // "#" is the line's number, "@" an expression, "%" accessors, "&" statements, "~" perhaps a line
+  // end, ";" what separates elements. The first two expressions contain no other.
+  static constexpr const char* kExpressions[] = {"line_num",
+                                                 "v#",
+                                                 "[~@~]",
+                                                 "[~@;@;@~]",
+                                                 "{~key: @~}",
+                                                 "{~key: @;key: @~}",
+                                                 "len(@)",
+                                                 "mid(@)",
+                                                 "v#(@, @)",
+                                                 "v#[@].n#",
+                                                 "@ + @",
+                                                 "@ and @",
+                                                 "(@)",
+                                                 "function()\n&end function",
+                                                 "function() : &end function"};
+  static constexpr const char* kStatements[] = {
+      "v# = @",  "v#$ = @", "len(line_num)% = @", "len(line_num, line_num)% = @", "v#% = @",
+      "v#% = @", "print @"};
+
+  int pick(size_t n) { return static_cast<int>(random_() % n); }
   void newLine() {
-    put(pick(4) == 0 ? " ' note\n" : "\n");
+    text_ += pick(4) == 0 ? " ' note\n" : "\n";
     line_++;
     if (pick(5) == 0) newLine();
   }
-  void name(char kind) { put(kind + std::to_string(line_)); }
-  void separator() {
-    if (pick(2) == 0) {
-      put(", ");
-      if (pick(3) == 0) newLine();
-    } else {
-      newLine();
-    }
-  }
-  void expression(int depth) {
-    switch (depth <= 0 ? pick(2) : pick(10)) {
-      case 0: put("line_num"); break;
-      case 1: name('v'); break;
-      case 2:
-        put("[");
-        if (pick(2) == 0) newLine();
-        for (int i = pick(3); i >= 0; i--) {
-          expression(depth - 1);
-          if (i > 0) separator();
-        }
-        if (pick(2) == 0) newLine();
-        put("]");
-        break;
-      case 3:
-        put("{");
-        if (pick(2) == 0) newLine();
-        for (int i = pick(3); i >= 0; i--) {
-          put("key: ");
-          expression(depth - 1);
-          if (i > 0) separator();
-        }
-        if (pick(2) == 0) newLine();
-        put("}");
-        break;
-      case 4:
-        // Of a global function, and of one that takes another number of arguments.
-        put(pick(2) == 0 ? "len(" : "mid(");
-        expression(depth - 1);
-        put(")");
-        break;
-      case 5:
-        name('v');
-        put("(");
-        expression(depth - 1);
-        put(", ");
-        expression(depth - 1);
-        put(")");
-        break;
-      case 6:
-        name('v');
-        put("[");
-        expression(depth - 1);
-        put("].");
-        name('n');
-        break;
-      case 7:
-        expression(depth - 1);
-        put(pick(2) == 0 ? " + " : " and ");
-        expression(depth - 1);
-        break;
-      case 8:
-        put("function()");
-        if (pick(2) == 0) {
-          newLine();
-        } else {
-          put(" : ");
-        }
-        for (int i = pick(2); i >= 0; i--) statement(depth - 1);
-        put("end function");
-        break;
-      default:
-        put("(");
-        expression(depth - 1);
-        put(")");
-        break;
-    }
-  }
-  void accessors(int depth) {
-    for (int i = pick(3); i >= 0; i--) {
-      if (pick(2) == 0) {
-        put(".");
-        name('n');
-      } else {
-        put("[");
-        expression(depth - 1);
-        put("]");
-      }
-    }
-  }
   void statement(int depth) {
-    switch (pick(6)) {
-      case 0:
-        name('v');
-        put(" = ");
-        break;
-      case 1:
-        name('v');
-        put("$ = ");
-        break;
-      case 2:
-        put(pick(2) == 0 ? "len(line_num)" : "len(line_num, line_num)");
-        accessors(depth);
-        put(" = ");
-        break;
-      case 3:
-      case 4:
-        name('v');
-        accessors(depth);
-        put(" = ");
-        break;
-      default: put("print ");
-    }
-    expression(depth);
+    write(kStatements[pick(std::size(kStatements))], depth);
     if (pick(4) == 0) {
-      put(" : ");
+      text_ += " : ";
     } else {
       newLine();
+    }
+  }
+  void write(const char* pattern, int depth) {
+    for (; *pattern != '\0'; pattern++) {
+      switch (*pattern) {
+        case '#': text_ += std::to_string(line_); break;
+        case '@':
+          write(kExpressions[pick(depth > 0 ? std::size(kExpressions) : 2)], depth - 1);
+          break;
+        case '%':
+          for (int i = pick(3); i >= 0; i--) write(pick(2) == 0 ? ".n#" : "[@]", depth - 1);
+          break;
+        case '&':
+          for (int i = pick(2); i >= 0; i--) statement(depth);
+          break;
+        case ';':
+          if (pick(2) == 0) {
+            text_ += ", ";
+            if (pick(3) != 0) break;
+          }
+          newLine();
+          break;
+        case '~':
+          if (pick(2) == 0) newLine();
+          break;
+        case '\n': newLine(); break;
+        default: text_ += *pattern;
+      }
     }
   }
 
@@ -982,10 +876,16 @@ TEST(CompilerLines, StayRightWhateverMoves) {
     }
     compiled++;
     for (const psFunction* function : program.module()->functions) {
+      const psLineData* before = nullptr;
       for (uint32_t pc = 0; pc < function->code.size();) {
         const psLineData* line =
             DebugPCToLine(program.module(), static_cast<int32_t>(pc), function);
         ASSERT_NE(line, nullptr) << "seed " << seed << " pc " << pc << text;
+        // A listing that starts with a line starts with an instruction.
+        if (line != before) {
+          ASSERT_EQ(line->pc_start, pc) << seed << text;
+        }
+        before = line;
         const int told = lineTold(function, pc);
         std::string instruction;
         const uint32_t next = Disasm_impl(function, pc, &instruction);

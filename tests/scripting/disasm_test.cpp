@@ -1,8 +1,6 @@
 // Instructions as listings show them, byte by byte.
 #include "disasm.h"
 
-#include <map>
-
 #include "compiled.h"
 #include "listing.h"
 
@@ -252,27 +250,6 @@ TEST(Listing, ShowsSourceAboveInstructions) {
             "         b4       return\n");
   EXPECT_EQ(psFunctionListing(compiler.compile("x = 1\ny = 2").main(), false),
             "001: x = 1\n002: y = 2\n");
-}
-
-// Every instruction that the compiler can emit is one that the disassembler can read, wherever a
-// listing starts: offsets of lines are offsets of instructions.
-TEST(Listing, LinesBeginWithInstructions) {
-  Compiler compiler;
-  const Program program = compiler.compile(
-      "sub main(a, b = [\n1\n])\nfor each x in {\na: 1\n}\na[{\nk: 1\n}].b = [\n2\n]\n"
-      "f(function(c)\nd.e = {\nf: c\n}\nend function, len([\n1], 2))\nend for\nend sub");
-  ASSERT_EQ(program.errors(), "");
-  for (const psFunction* function : program.module()->functions) {
-    std::map<uint32_t, bool> starts;
-    std::string text;
-    for (uint32_t pc = 0; pc < function->code.size(); pc = Disasm_impl(function, pc, &text)) {
-      starts[pc] = true;
-    }
-    for (const psLineData& line : program.module()->lines) {
-      if (line.function != function || line.pc_last < static_cast<int32_t>(line.pc_start)) continue;
-      EXPECT_TRUE(starts[line.pc_start]) << line.srccpy << line.pc_start;
-    }
-  }
 }
 
 }  // namespace
