@@ -1,14 +1,6 @@
 // koByteArray: bytes as elements, its text forms, and its files.
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-
 #include "component_test.h"
-#include "hooks.h"
+#include "script_folder.h"
 
 namespace {
 
@@ -157,75 +149,49 @@ TEST_F(ByteArray, WordsAndTheirOddBound) {
   EXPECT_EQ(call("IsLittleEndianCPU"), "true");
 }
 
-// Script names are names in a folder of the test's own; "nowhere:" does not map.
 class ByteArrayFiles : public ByteArray {
  protected:
-  ByteArrayFiles() {
-    char name[] = "/tmp/byte_array_test.XXXXXX";
-    folder() = mkdtemp(name);
-    psHostHooks hooks;
-    hooks.mapFilename = [](psText script_name, std::string* native) {
-      *native = folder() + '/' + std::string(script_name);
-      return !script_name.starts_with("nowhere:");
-    };
-    hooks.openFile = [](const std::string& native, int flags, unsigned mode) {
-      return open(native.c_str(), flags, mode);
-    };
-    psInstallHooks(hooks);
-  }
-  ~ByteArrayFiles() override {
-    psInstallHooks({});
-    std::filesystem::remove_all(folder());
-  }
-  static std::string& folder() {
-    static std::string path;
-    return path;
-  }
-  static std::string contents(const char* name) {
-    std::ifstream in(folder() + '/' + name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
-  void write(const char* text) { std::ofstream(folder() + "/f", std::ios::binary) << text; }
+  ScriptFolder folder;
 };
 
 TEST_F(ByteArrayFiles, AreWritten) {
-  EXPECT_EQ(call("WriteFile", {"empty"}), "true");
-  EXPECT_TRUE(std::filesystem::exists(folder() + "/empty"));
-  EXPECT_EQ(call("WriteFile", {"none", 0, 0}), "false");
+  EXPECT_EQ(call("WriteFile", {"SD:/empty"}), "true");
+  EXPECT_TRUE(std::filesystem::exists(folder.path() + "/empty"));
+  EXPECT_EQ(call("WriteFile", {"SD:/none", 0, 0}), "false");
   call("FromAsciiString", {"abcdef"});
-  EXPECT_EQ(call("WriteFile", {"f"}), "true");
-  EXPECT_EQ(call("AppendFile", {"f"}), "true");
-  EXPECT_EQ(contents("f"), "abcdefabcdef");
-  EXPECT_EQ(call("WriteFile", {"f", 4, 9}), "true");
-  EXPECT_EQ(contents("f"), "ef");
-  EXPECT_EQ(call("WriteFile", {"f", 5, 0}), "true");
-  EXPECT_EQ(contents("f"), "");
+  EXPECT_EQ(call("WriteFile", {"SD:/f"}), "true");
+  EXPECT_EQ(call("AppendFile", {"SD:/f"}), "true");
+  EXPECT_EQ(folder.read("f"), "abcdefabcdef");
+  EXPECT_EQ(call("WriteFile", {"SD:/f", 4, 9}), "true");
+  EXPECT_EQ(folder.read("f"), "ef");
+  EXPECT_EQ(call("WriteFile", {"SD:/f", 5, 0}), "true");
+  EXPECT_EQ(folder.read("f"), "");
   for (const auto& [start, length] : {std::pair{-1, 1}, {1, -1}, {6, 1}}) {
-    EXPECT_EQ(call("WriteFile", {"none", start, length}), "false");
+    EXPECT_EQ(call("WriteFile", {"SD:/none", start, length}), "false");
   }
-  EXPECT_FALSE(std::filesystem::exists(folder() + "/none"));
+  EXPECT_FALSE(std::filesystem::exists(folder.path() + "/none"));
   EXPECT_EQ(call("WriteFile", {"nowhere:f"}), "false");
-  EXPECT_EQ(call("AppendFile", {"no/folder"}), "false");
+  EXPECT_EQ(call("AppendFile", {"SD:/no/folder"}), "false");
 }
 
 TEST_F(ByteArrayFiles, AreRead) {
-  write("0123456789");
-  EXPECT_EQ(call("ReadFile", {"f"}), "true");
+  folder.write("f", "0123456789");
+  EXPECT_EQ(call("ReadFile", {"SD:/f"}), "true");
   EXPECT_EQ(call("ToAsciiString"), "\"0123456789\"");
-  EXPECT_EQ(call("ReadFile", {"f", 7, 100}), "true");
+  EXPECT_EQ(call("ReadFile", {"SD:/f", 7, 100}), "true");
   EXPECT_EQ(call("ToAsciiString"), "\"789\"");
-  EXPECT_EQ(call("ReadFile", {"f", 2, 3}), "true");
+  EXPECT_EQ(call("ReadFile", {"SD:/f", 2, 3}), "true");
   EXPECT_EQ(call("ToAsciiString"), "\"234\"");
-  EXPECT_EQ(call("ReadFile", {"f", -1, 3}), "false");
-  EXPECT_EQ(call("ReadFile", {"f", 0, -1}), "false");
-  EXPECT_EQ(call("ReadFile", {"absent"}), "false");
+  EXPECT_EQ(call("ReadFile", {"SD:/f", -1, 3}), "false");
+  EXPECT_EQ(call("ReadFile", {"SD:/f", 0, -1}), "false");
+  EXPECT_EQ(call("ReadFile", {"SD:/absent"}), "false");
   EXPECT_EQ(call("ToAsciiString"), "\"234\"");
-  EXPECT_EQ(call("ReadFile", {"f", 50, INT32_MAX}), "true");
+  EXPECT_EQ(call("ReadFile", {"SD:/f", 50, INT32_MAX}), "true");
   EXPECT_EQ(call("Count"), "0");
   fix(4);
-  EXPECT_EQ(call("ReadFile", {"f"}), "false");
-  EXPECT_EQ(call("ReadFile", {"f", 8, 5}), "false");
-  EXPECT_EQ(call("ReadFile", {"f", 8, 4}), "true");
+  EXPECT_EQ(call("ReadFile", {"SD:/f"}), "false");
+  EXPECT_EQ(call("ReadFile", {"SD:/f", 8, 5}), "false");
+  EXPECT_EQ(call("ReadFile", {"SD:/f", 8, 4}), "true");
   EXPECT_EQ(call("ToAsciiString"), "\"89\"");
 }
 

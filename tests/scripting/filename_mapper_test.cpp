@@ -4,16 +4,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
-#include "lib/platform/device_path.h"
 #include "lib/scripting/host_files.h"
+#include "tests/platform/test_support.h"
 
 namespace {
 
@@ -21,36 +17,25 @@ namespace fs = std::filesystem;
 
 class DriveTest : public testing::Test {
  protected:
-  DriveTest() : m_before(lattix::DeviceRoot()) {
-    std::string folder = testing::TempDir() + "drives-XXXXXX";
-    m_root = ::mkdtemp(folder.data());
-    lattix::SetDeviceRoot(m_root);
-    for (const char* drive : {"sd", "usb1", "sys", "tmp"}) {
-      fs::create_directories(m_root / "storage" / drive);
-    }
-  }
-  ~DriveTest() override {
-    lattix::SetDeviceRoot(m_before);
-    fs::remove_all(m_root);
+  DriveTest() {
+    for (const char* drive : {"sd", "usb1", "sys", "tmp"}) fs::create_directories(Native(drive));
   }
 
-  fs::path Native(const std::string& below_storage) { return m_root / "storage" / below_storage; }
+  fs::path Native(const std::string& below_storage) {
+    return m_root.path() + "/storage/" + below_storage;
+  }
   void Write(const std::string& below_storage, const std::string& content) {
-    fs::create_directories(Native(below_storage).parent_path());
-    std::ofstream(Native(below_storage)) << content;
+    m_root.Write("/storage/" + below_storage, content);
   }
   std::string Read(const std::string& below_storage) {
-    std::ostringstream content;
-    content << std::ifstream(Native(below_storage)).rdbuf();
-    return content.str();
+    return m_root.Read("/storage/" + below_storage);
   }
   int OpenError(const std::string& device_path, int flags = O_RDONLY) {
     errno = 0;
     return OpenBeneathDrive(device_path, flags, 0666) ? 0 : errno;
   }
 
-  std::string m_before;
-  fs::path m_root;
+  TemporaryRoot m_root;
   FilenameMapper m_mapper;
 };
 
@@ -237,10 +222,10 @@ TEST_F(DriveTest, EjectedMediaCanBePutBack) {
   std::string unused;
   EXPECT_FALSE(m_mapper.TryMap("USB1:/f", &unused));
   EXPECT_FALSE(host_files::EjectDrive("USB1:"));
-  EXPECT_TRUE(fs::exists(m_root / "var/lib/orvex/ejected/usb1/f"));
+  EXPECT_TRUE(fs::exists(m_root.path() + "/var/lib/orvex/ejected/usb1/f"));
   Write("usb1/g", "");
   EXPECT_TRUE(host_files::EjectDrive("USB1:"));
-  EXPECT_TRUE(fs::exists(m_root / "var/lib/orvex/ejected/usb1-2/g"));
+  EXPECT_TRUE(fs::exists(m_root.path() + "/var/lib/orvex/ejected/usb1-2/g"));
 }
 
 }  // namespace

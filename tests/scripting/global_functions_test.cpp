@@ -1,18 +1,12 @@
 // The functions that scripts call without an object.
 #include "clglobal.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <sstream>
 
 #include "component_test.h"
-#include "hooks.h"
+#include "script_folder.h"
 
 namespace {
 
@@ -198,67 +192,38 @@ TEST(RunGarbageCollector, TellsWhatItFound) {
 
 // --- Files ------------------------------------------------------------------------------------
 
-// A drive "SD:/" in a folder of its own.
 class GlobalFiles : public testing::Test {
  protected:
-  GlobalFiles() {
-    char name[] = "/tmp/global-files-XXXXXX";
-    root() = mkdtemp(name);
-    psHostHooks hooks;
-    hooks.mapFilename = [](psText script_name, std::string* native) {
-      if (!script_name.starts_with("SD:/")) return false;
-      *native = root() + "/" + std::string(script_name.substr(4));
-      return true;
-    };
-    hooks.openFile = [](const std::string& native, int flags, unsigned mode) {
-      return ::open(native.c_str(), flags, mode);
-    };
-    psInstallHooks(hooks);
-  }
-  ~GlobalFiles() override {
-    psInstallHooks({});
-    std::filesystem::remove_all(root());
-  }
-  static std::string& root() {
-    static std::string path;
-    return path;
-  }
-  static void write(const std::string& name, const std::string& text) {
-    std::ofstream(root() + "/" + name, std::ios::binary) << text;
-  }
-  static std::string read(const std::string& name) {
-    std::ifstream file(root() + "/" + name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  ScriptFolder folder_;
   Core core_;
 };
 
 TEST_F(GlobalFiles, TextIsWrittenAndReadBack) {
-  write("a.txt", "long old contents");
+  folder_.write("a.txt", "long old contents");
   EXPECT_EQ(describe(call(core_, "WriteAsciiFile", {"SD:/a.txt", "new\n"})), "true");
-  EXPECT_EQ(read("a.txt"), "new\n");
+  EXPECT_EQ(folder_.read("a.txt"), "new\n");
   EXPECT_EQ(describe(call(core_, "ReadAsciiFile", {"SD:/a.txt"})), "\"new\n\"");
   EXPECT_EQ(describe(call(core_, "WriteAsciiFile", {"SD:/no/a.txt", "x"})), "false");
   EXPECT_EQ(describe(call(core_, "WriteAsciiFile", {"XX:/a.txt", "x"})), "false");
   EXPECT_EQ(describe(call(core_, "ReadAsciiFile", {"SD:/none.txt"})), "\"\"");
   EXPECT_EQ(describe(call(core_, "ReadAsciiFile", {"XX:/a.txt"})), "\"\"");
   EXPECT_EQ(describe(call(core_, "ReadAsciiFile", {"SD:/"})), "\"\"");
-  write("binary", std::string("ab\0cd", 5));
+  folder_.write("binary", std::string("ab\0cd", 5));
   EXPECT_EQ(describe(call(core_, "ReadAsciiFile", {"SD:/binary"})), "\"ab\"");
 }
 
 TEST_F(GlobalFiles, AFileOfEightMebibytesIsRefused) {
-  write("fits", std::string(8388607, 'x'));
+  folder_.write("fits", std::string(8388607, 'x'));
   const Value text = call(core_, "ReadAsciiFile", {"SD:/fits"});
   EXPECT_EQ(GetStringPtr(&text.get()).size(), 8388607u);
   EXPECT_EQ(core_.takePrinted(), "");
-  write("big", std::string(8388608, 'x'));
+  folder_.write("big", std::string(8388608, 'x'));
   EXPECT_EQ(describe(call(core_, "ReadAsciiFile", {"SD:/big"})), "\"\"");
   EXPECT_EQ(core_.takePrinted(), "File too big: SD:/big (8388609)\n");
 }
 
 TEST_F(GlobalFiles, AFifoInAFilesPlaceDoesNotHoldTheScriptUp) {
-  ASSERT_EQ(mkfifo((root() + "/fifo").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo((folder_.path() + "/fifo").c_str(), 0600), 0);
   EXPECT_EQ(describe(call(core_, "ReadAsciiFile", {"SD:/fifo"})), "\"\"");
 }
 
@@ -275,9 +240,9 @@ std::vector<std::string> namesIn(const Value& list) {
 }
 
 TEST_F(GlobalFiles, FoldersListTheirEntries) {
-  write("b.txt", "");
-  write(".hidden", "");
-  std::filesystem::create_directory(root() + "/folder");
+  folder_.write("b.txt", "");
+  folder_.write(".hidden", "");
+  std::filesystem::create_directory(folder_.path() + "/folder");
   EXPECT_EQ(namesIn(call(core_, "ListDir", {"SD:/"})),
             (std::vector<std::string>{".hidden", "b.txt", "folder"}));
   EXPECT_TRUE(namesIn(call(core_, "ListDir", {"SD:/b.txt"})).empty());
@@ -287,7 +252,7 @@ TEST_F(GlobalFiles, FoldersListTheirEntries) {
 TEST_F(GlobalFiles, PatternsChooseNames) {
   for (const char* name :
        {"a.mp4", "b.mp4", "C.TXT", "\xc3\xa9.txt", "a,b", "a]b", "a[b", "x-y", "!n", "\xe9"}) {
-    write(name, "");
+    folder_.write(name, "");
   }
   const struct {
     const char* pattern;
@@ -323,14 +288,14 @@ TEST_F(GlobalFiles, PatternsChooseNames) {
 }
 
 TEST_F(GlobalFiles, AHostilePatternTakesNoTime) {
-  write(std::string(250, 'a'), "");
+  folder_.write(std::string(250, 'a'), "");
   std::string pattern;
   for (int i = 0; i < 250; ++i) pattern += "*a";
   EXPECT_TRUE(namesIn(call(core_, "MatchFiles", {"SD:/", pattern + "*b"})).empty());
 }
 
 TEST_F(GlobalFiles, NativePathsAreToldUpToTheirLimit) {
-  EXPECT_EQ(describe(call(core_, "MapFilenameToNative", {"SD:/x"})), '"' + root() + "/x\"");
+  EXPECT_EQ(describe(call(core_, "MapFilenameToNative", {"SD:/x"})), '"' + folder_.path() + "/x\"");
   EXPECT_EQ(describe(call(core_, "MapFilenameToNative", {"XX:/x"})), "\"\"");
   EXPECT_EQ(describe(call(core_, "MapFilenameToNative", {"SD:/" + std::string(5000, 'x')})),
             "\"\"");

@@ -1,11 +1,6 @@
 // Modules: the tables behind them, several texts in one, sources and libraries, and functions that
 // grow while they run.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cmath>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -13,9 +8,9 @@
 #include "compiled.h"
 #include "containers.h"
 #include "hash.h"
-#include "hooks.h"
 #include "ramdisk.h"
 #include "run.h"
+#include "script_folder.h"
 
 namespace {
 
@@ -267,40 +262,28 @@ TEST(Module, SeveralTextsKnowEachOthersFunctions) {
 
 // --- Sources and libraries --------------------------------------------------------------------
 
-// A folder of sources behind hooks that map "A:/x" into it and refuse every other name. Files named
-// .eplm are deciphered by flipping their bits.
+psHostHooks decipheringHooks() {
+  psHostHooks hooks;
+  hooks.decipherSource = [](const std::string& enciphered, std::string* plain) {
+    *plain = enciphered;
+    for (char& c : *plain) c = static_cast<char>(~c);
+    return !enciphered.empty();
+  };
+  return hooks;
+}
+
+// Files named .eplm are deciphered by flipping their bits.
 class Sources : public testing::Test {
  protected:
-  Sources() : before_(psHooks()) {
-    char name[] = "/tmp/module_test.XXXXXX";
-    folder = mkdtemp(name);
-    psHostHooks hooks;
-    hooks.mapFilename = [](psText file, std::string* native) {
-      const std::string_view text(file.data(), file.size());
-      if (!text.starts_with("A:/")) return false;
-      *native = folder + "/" + std::string(text.substr(3));
-      return true;
-    };
-    hooks.openFile = [](const std::string& native, int flags, unsigned mode) {
-      return ::open(native.c_str(), flags, mode);
-    };
-    hooks.decipherSource = [](const std::string& enciphered, std::string* plain) {
-      *plain = enciphered;
-      for (char& c : *plain) c = static_cast<char>(~c);
-      return !enciphered.empty();
-    };
-    psInstallHooks(hooks);
-    compSetLibraryPrefixes({"B:/", "A:/one/", "A:/two/"});
-    std::filesystem::create_directories(folder + "/one");
-    std::filesystem::create_directories(folder + "/two");
+  Sources() {
+    compSetLibraryPrefixes({"XX:/", "SD:/one/", "SD:/two/"});
+    std::filesystem::create_directories(folder.path() + "/one");
+    std::filesystem::create_directories(folder.path() + "/two");
   }
-  ~Sources() override {
-    psInstallHooks(before_);
-    compSetLibraryPrefixes({});
-    std::filesystem::remove_all(folder);
-  }
+  ~Sources() override { compSetLibraryPrefixes({}); }
+
   static void write(const std::string& name, std::string_view bytes) {
-    std::ofstream(folder + '/' + name, std::ios::binary) << bytes;
+    ScriptFolder::write(name, bytes);
   }
   static std::string enciphered(std::string text) {
     for (char& c : text) c = static_cast<char>(~c);
@@ -311,7 +294,7 @@ class Sources : public testing::Test {
     std::string text;
     psStatus error = kPsOkay;
     bool was_enciphered = false;
-    if (!ReadScriptSource(folder + '/' + name, &text, &error, &was_enciphered)) {
+    if (!ReadScriptSource(ScriptFolder::path() + '/' + name, &text, &error, &was_enciphered)) {
       return "error " + std::to_string(error);
     }
     return text + (was_enciphered ? " (enciphered)" : "");
@@ -328,11 +311,8 @@ class Sources : public testing::Test {
     return result;
   }
 
+  ScriptFolder folder{decipheringHooks()};
   Compiler compiler;
-  static inline std::string folder;
-
- private:
-  psHostHooks before_;
 };
 
 TEST_F(Sources, MustBeginWithText) {
@@ -394,7 +374,7 @@ TEST_F(Sources, OfLibrariesAreLookedForUnderEachPrefix) {
   EXPECT_EQ(compile("\nlibrary \"none.plm\"\nsub main()\nend sub"), "test.plm:225(2) ");
   EXPECT_EQ(compile("library \"missing.plm\"\nx = 1"), "test.plm:185(1) ");
   // A name that no prefix makes a path of is ignored.
-  compSetLibraryPrefixes({"B:/", "C:/"});
+  compSetLibraryPrefixes({"XX:/", "YY:/"});
   EXPECT_EQ(compile("library \"missing.plm\"\nsub main()\nend sub"), "main ");
   compSetLibraryPrefixes({});
   EXPECT_EQ(compile("library \"missing.plm\"\nx = 1"), "main ");
