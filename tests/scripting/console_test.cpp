@@ -130,37 +130,24 @@ TEST_P(Emulation, KeepsTheBufferAndItsViewerInStep) {
   EXPECT_EQ(io_get_cursor(&screen.io), c.cursor);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, Emulation,
-                         testing::Values(ScreenCase{"abcdef", "abcdef......", 6},
-                                         ScreenCase{"ab\ncd", "ab..cd  ....", 6},
-                                         ScreenCase{"a\r\nb", "a...    b   ", 9},
-                                         ScreenCase{"abc\b\bx", "ax .........", 2},
-                                         ScreenCase{"\b", "............", 0},
-                                         ScreenCase{"abcd\x18\x18x", "abxd........", 3},
-                                         ScreenCase{"\x19\x19x", "..x.........", 3},
-                                         ScreenCase{"a\x1a\x1a\x1a\x19x", "a.........x.", 11},
-                                         ScreenCase{"abcdef\x1bx\x1b", "abxdef......", 3},
-                                         ScreenCase{"abcdef\x1dx\x1cy", "ybcdxf......", 1},
-                                         ScreenCase{"abcdef\x1c\x19\x1e", "a   ef......", 1},
-                                         ScreenCase{"abcdef\x1c\x19\x1f", "a           ", 1},
-                                         ScreenCase{"a\xc0\xc3"
-                                                    "b",
-                                                    "a   b.......", 5},
-                                         ScreenCase{"a\x0e"
-                                                    "b",
-                                                    "ab_.........", 2},
-                                         ScreenCase{"a\x0e"
-                                                    "b\x0f"
-                                                    "c",
-                                                    "abc.........", 3},
-                                         ScreenCase{"a\x0e\n", "a .._   ....", 4},
-                                         ScreenCase{"ab\x0e\b", "a_ .........", 1},
-                                         ScreenCase{"abcdefghijkl", "abcdefghijkl", 12},
-                                         ScreenCase{"abcdefghijklm", "efghijklm   ", 9},
-                                         ScreenCase{"abcdefghijkl\n", "efghijkl    ", 12},
-                                         ScreenCase{"abcdefgh\xff"
-                                                    "z",
-                                                    "           z", 12}));
+INSTANTIATE_TEST_SUITE_P(
+    Table, Emulation,
+    testing::Values(
+        ScreenCase{"abcdef", "abcdef......", 6}, ScreenCase{"ab\ncd", "ab..cd  ....", 6},
+        ScreenCase{"a\r\nb", "a...    b   ", 9}, ScreenCase{"abc\b\bx", "ax .........", 2},
+        ScreenCase{"\b", "............", 0}, ScreenCase{"abcd\x18\x18x", "abxd........", 3},
+        ScreenCase{"\x19\x19x", "..x.........", 3},
+        ScreenCase{"a\x1a\x1a\x1a\x19x", "a.........x.", 11},
+        ScreenCase{"abcdef\x1bx\x1b", "abxdef......", 3},
+        ScreenCase{"abcdef\x1dx\x1cy", "ybcdxf......", 1},
+        ScreenCase{"abcdef\x1c\x19\x1e", "a   ef......", 1},
+        ScreenCase{"abcdef\x1c\x19\x1f", "a           ", 1},
+        ScreenCase{"a\300\303b", "a   b.......", 5}, ScreenCase{"a\016b", "ab_.........", 2},
+        ScreenCase{"a\016b\017c", "abc.........", 3}, ScreenCase{"a\016\n", "a .._   ....", 4},
+        ScreenCase{"ab\016\b", "a_ .........", 1}, ScreenCase{"abcdefghijkl", "abcdefghijkl", 12},
+        ScreenCase{"abcdefghijklm", "efghijklm   ", 9},
+        ScreenCase{"abcdefghijkl\n", "efghijkl    ", 12},
+        ScreenCase{"abcdefgh\377z", "           z", 12}));
 
 TEST(Screen, TheLastPositionScrollsOnlyWhenMoreComes) {
   Screen screen(40, 2);

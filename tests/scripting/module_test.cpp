@@ -127,45 +127,6 @@ TEST(Module, EqualConstantsShareAnIndex) {
   EXPECT_EQ(AddName(module, "foo$"), 1u);
 }
 
-TEST(Module, NamesAreLowerCaseWithTheirBuckets) {
-  Compiler compiler;
-  const Program program = compiler.compile("x = y.Foo.A_Rather_Long_Name.z9$");
-  ASSERT_EQ(program.module()->names.size(), 3u);
-  for (const psName* name : program.module()->names) {
-    uint32_t h = 0;
-    for (const char c : name->text) {
-      h += static_cast<unsigned char>(c | 0x20);
-      h += h << 10;
-      h ^= h >> 6;
-    }
-    h += h << 3;
-    EXPECT_EQ(name->bucket, (h ^ (h >> 11)) & 15) << name->text;
-  }
-  EXPECT_EQ(program.module()->names[1]->text, "a_rather_long_name");
-}
-
-TEST(Module, VariablesKeepTheirFirstType) {
-  psFunction function;
-  EXPECT_EQ(subAddVar(&function, "Value", psInteger), 0);
-  EXPECT_EQ(subAddVar(&function, "value$", psString), 1);
-  EXPECT_EQ(subAddVar(&function, "VALUE", psDynamic), 0);
-  EXPECT_EQ(function.variables[0].name, "value");
-  EXPECT_EQ(function.variables[0].type, psInteger);
-  EXPECT_EQ(function.variables.size(), 2u);
-}
-
-TEST(Module, InternalLabelsAreNumberedThroughTheProcess) {
-  Compiler compiler;
-  const unsigned long next = psNextCounter();
-  const Program program = compiler.compile("while x : end while\nf = function() : end function");
-  const std::vector<psLabel>& labels = program.main()->labels;
-  ASSERT_EQ(labels.size(), 2u);
-  char name[32];
-  std::snprintf(name, sizeof name, "_$%lx _$%lx $anon_%lx", next + 1, next + 2, next + 3);
-  EXPECT_EQ(labels[0].name + ' ' + labels[1].name + ' ' + program.module()->functions[1]->name,
-            name);
-}
-
 TEST(Module, LabelsThatNobodyGoesToTakeNoPlace) {
   Compiler compiler;
   const Program program = compiler.compile("a:\nB:\n10 c:\ngoto 10\ngoto b");
