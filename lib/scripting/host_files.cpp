@@ -118,8 +118,11 @@ bool EmptyFolder(UniqueFd fd, int depth) {
 // it is a folder of the root and no link to somewhere else.
 std::string MediumFolder(std::string_view name, bool* own) {
   if (!lattix::InDeviceRoot()) return {};
-  const FilenameCracker cracked =
-      FilenameCracker::Crack(std::string(name.substr(0, name.find(':'))) + ":");
+  const size_t colon = std::min(name.find(':'), name.size());
+  const std::string_view rest = name.substr(colon);
+  // Whoever names a file does not mean to lose the whole drive.
+  if (rest.size() > 1 && rest != ":/") return {};
+  const FilenameCracker cracked = FilenameCracker::Crack(std::string(name.substr(0, colon)) + ":");
   const Drive* drive = FindDrive(cracked.GetDrive());
   if (drive == nullptr || !drive->medium) return {};
   std::string folder = lattix::DevicePath("/storage/");

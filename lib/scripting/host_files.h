@@ -27,7 +27,7 @@ bool CopyFile(const FilenameMapper& mapper, std::string_view from, std::string_v
 bool MoveFile(const FilenameMapper& mapper, std::string_view from, std::string_view to);
 
 // Inside a device root only; a device's own storage is the storage service's. The drive is named
-// with or without what follows the colon ("USB1:/"), and must be a medium that is there.
+// without a path ("USB1", "USB1:" or "USB1:/"), and must be a medium that is there.
 //
 // Formatting empties the drive's folder; the file system's name is only checked for being one of
 // "vfat", "fat32", "exfat", "ntfs", "ext3" and "ext4". A drive that is a link to a folder outside

@@ -203,6 +203,7 @@ TEST_F(DriveTest, FormattingStaysInsideTheRoot) {
   Write("outside/precious", "kept");
   fs::create_symlink(Native("outside"), Native("sd/a/link"));
   EXPECT_FALSE(host_files::FormatDrive("SD:", "floppy"));
+  EXPECT_FALSE(host_files::FormatDrive("SD:/a", "vfat"));
   EXPECT_TRUE(fs::exists(Native("sd/a/b/c")));
   EXPECT_TRUE(host_files::FormatDrive("sd:/", "exfat"));
   EXPECT_TRUE(fs::is_empty(Native("sd")));
