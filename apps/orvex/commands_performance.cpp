@@ -9,15 +9,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <exception>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 
 #include "apps/orvex/command_files.h"
+#include "apps/orvex/command_numbers.h"
 #include "apps/orvex/interruptible_output.h"
 #include "lib/platform/condition_variable.h"
 #include "lib/platform/errno_exception.h"
@@ -145,17 +145,12 @@ int WritePerf(const CommandLine& command) {
   return Report(command, "Wrote", name, [&] { return WriteTest(fd.Get(), kTestFile, 0, output); });
 }
 
-// As much is written as is read, unless the file to read is empty.
+// As much is written as is read.
 int ReadWritePerf(const CommandLine& command) {
   const size_t count = command.argument_count();
-  const std::string_view rate_text = command.argument(3);
-  uint32_t kilobytes = 0;
-  const auto end =
-      std::from_chars(rate_text.data(), rate_text.data() + rate_text.size(), kilobytes);
-  if (count < 2 || count > 3 ||
-      (count == 3 && (end.ec != std::errc() || end.ptr != rate_text.data() + rate_text.size()))) {
-    return command.Usage();
-  }
+  const auto kilobytes =
+      count == 3 ? ParseNumber(command.argument(3), UINT32_MAX, 10) : std::optional<uint64_t>(0);
+  if (count < 2 || count > 3 || !kilobytes) return command.Usage();
   const InterruptibleOutput output(command.shell);
   const std::string_view from = command.argument(1);
   const std::string_view to = command.argument(2);
@@ -166,26 +161,14 @@ int ReadWritePerf(const CommandLine& command) {
   const lattix::UniqueFd out = CreateBeside(command, to, in.Get());
   if (!out) return 1;
 
-  int read_result = 1;
-  std::exception_ptr interrupted;
-  std::thread reader([&] {
-    try {
-      read_result = Report(command, "Read", from, [&] { return ReadAll(in.Get(), output); });
-    } catch (...) {
-      interrupted = std::current_exception();
-    }
+  // Ctrl-C ends both. However the writing ends, the future waits for the reading.
+  std::future<int> reading = std::async(std::launch::async, [&] {
+    return Report(command, "Read", from, [&] { return ReadAll(in.Get(), output); });
   });
-  int write_result = 1;
-  try {
-    write_result = Report(command, "Wrote", to, [&] {
-      return WriteTest(out.Get(), source.st_size, int64_t{kilobytes} * 1000, output);
-    });
-  } catch (...) {
-    interrupted = std::current_exception();
-  }
-  reader.join();
-  if (interrupted) std::rethrow_exception(interrupted);
-  return read_result | write_result;
+  const int written = Report(command, "Wrote", to, [&] {
+    return WriteTest(out.Get(), source.st_size, static_cast<int64_t>(*kilobytes) * 1000, output);
+  });
+  return reading.get() | written;
 }
 
 }  // namespace commands
