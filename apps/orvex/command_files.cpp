@@ -48,6 +48,15 @@ lattix::UniqueFd CreateBeside(const CommandLine& command, std::string_view name,
   return fd;
 }
 
+void WriteAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw lattix::ErrnoException(errno);
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+}
+
 void PrintFileError(const CommandLine& command, std::string_view name, int error) {
   command.Print("{}: {}", name, lattix::ErrorText(error));
 }

@@ -21,6 +21,9 @@ lattix::UniqueFd OpenArgument(const CommandLine& command, std::string_view name,
 // which stays as it is; invalid, and the reason printed, as above.
 lattix::UniqueFd CreateBeside(const CommandLine& command, std::string_view name, int source);
 
+// Writes the bytes where the descriptor stands. Throws lattix::ErrnoException.
+void WriteAll(int fd, std::string_view bytes);
+
 // "NAME: TEXT", for the error number.
 void PrintFileError(const CommandLine& command, std::string_view name, int error);
 

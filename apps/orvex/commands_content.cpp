@@ -23,15 +23,6 @@ namespace {
 
 using Magic = std::unique_ptr<magic_set, void (*)(magic_t)>;
 
-void WriteAll(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t n = write(fd, text.data(), text.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw lattix::ErrnoException(errno);
-    text.remove_prefix(static_cast<size_t>(n));
-  }
-}
-
 }  // namespace
 
 int File(const CommandLine& command) {
@@ -67,11 +58,9 @@ int Hash(const CommandLine& command) {
 
 int Probe(const CommandLine& command) {
   if (command.argument_count() != 1) return command.Usage();
-  const InterruptibleOutput output(command.shell);
   const lattix::UniqueFd fd = OpenArgument(command, command.argument(1), O_RDONLY);
   if (!fd) return 1;
   const MediaProbe probe = ProbeMedia(fd.Get());
-  output.Check();
   switch (probe.outcome) {
     case MediaProbe::Outcome::kRecognised: command.shell.Puts(probe.text.c_str()); return 0;
     case MediaProbe::Outcome::kUnknown: command.Print("Unknown"); return 0;
@@ -81,13 +70,11 @@ int Probe(const CommandLine& command) {
 
 int Analyze(const CommandLine& command) {
   if (command.argument_count() != 2) return command.Usage();
-  const InterruptibleOutput output(command.shell);
   const std::string_view from = command.argument(1);
   const std::string_view to = command.argument(2);
   const lattix::UniqueFd in = OpenArgument(command, from, O_RDONLY);
   if (!in) return 1;
   const MediaProbe probe = AnalyzeMedia(in.Get());
-  output.Check();
   if (probe.outcome != MediaProbe::Outcome::kRecognised) {
     command.Print("{}: {}", from, probe.text);
     return 1;

@@ -12,7 +12,7 @@
 #include <chrono>
 #include <filesystem>
 
-#include "lib/platform/async_signals.h"
+#include "apps/orvex/interrupt_wait.h"
 #include "lib/platform/errno_exception.h"
 #include "lib/platform/spawn_process.h"
 
@@ -23,37 +23,12 @@ constexpr char kProgram[] = "orvex-media-probe";
 constexpr size_t kMaxReport = 1 << 20;
 constexpr std::chrono::seconds kPatience{2};
 
-class Interrupt {
- public:
-  Interrupt() {
-    for (const int signal : kSignals)
-      lattix::SignalDispatcher::GetInstance().Attach(signal, &m_waker);
-  }
-  ~Interrupt() {
-    for (const int signal : kSignals)
-      lattix::SignalDispatcher::GetInstance().Detach(signal, &m_waker);
-  }
-  Interrupt(const Interrupt&) = delete;
-  Interrupt& operator=(const Interrupt&) = delete;
-
-  int fd() const { return m_waker.GetReadFd(); }
-
- private:
-  static constexpr int kSignals[] = {SIGINT, SIGHUP};
-  lattix::SignalWaker m_waker;
-};
-
-// Everything the program writes, or less when the operator or the limit ends it first.
-bool ReadAll(int fd, std::string* text) {
-  const Interrupt interrupt;
+// Everything the program writes; false when that is more than the limit.
+bool ReadAll(int fd, const InterruptWait& wait, std::string* text) {
   char buffer[4096];
   for (;;) {
-    pollfd waited[] = {{fd, POLLIN, 0}, {interrupt.fd(), POLLIN, 0}};
-    if (::poll(waited, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      throw lattix::ErrnoException(errno);
-    }
-    if (waited[1].revents != 0) return false;
+    pollfd readable = {fd, POLLIN, 0};
+    wait.Poll({&readable, 1}, INT64_MAX);
     const ssize_t n = ::read(fd, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw lattix::ErrnoException(errno);
@@ -64,16 +39,22 @@ bool ReadAll(int fd, std::string* text) {
 }
 
 MediaProbe Ask(const char* job, int fd) {
+  MediaProbe probe;
+  const InterruptWait wait;
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
   SpawnProcess program(self.parent_path() / kProgram,
                        {job, fmt::format("/proc/{}/fd/{}", ::getpid(), fd)});
   program.Execute(SpawnProcess::kPipeStdout | SpawnProcess::kNullStdin | SpawnProcess::kNullStderr |
                   SpawnProcess::kNewProcessGroup | SpawnProcess::kEndWithParent);
-  MediaProbe probe;
-  if (!ReadAll(program.GetStdout(), &probe.text)) {
+  try {
+    if (!ReadAll(program.GetStdout(), wait, &probe.text)) {
+      program.KillAndWait(SIGTERM, kPatience);
+      probe.text = "The report is too long";
+      return probe;
+    }
+  } catch (...) {
     program.KillAndWait(SIGTERM, kPatience);
-    probe.text = "Interrupted";
-    return probe;
+    throw;
   }
   try {
     switch (program.Wait()) {

@@ -12,9 +12,9 @@ struct MediaProbe {
 };
 
 // Reads as much of the file as it takes to know its streams. The descriptor must be of a plain
-// file; its position is left alone. Blocks until the program has ended; Ctrl-C and the loss of the
-// terminal end it, which shows as a failure. Throws lattix::ErrnoException when the program cannot
-// be started.
+// file; its position is left alone. Blocks until the program has ended, on the shell's thread.
+// Throws lattix::ErrnoException when the program cannot be started, and, when Ctrl-C or the loss of
+// the terminal ends it, what InterruptWait::Check does.
 MediaProbe ProbeMedia(int fd);
 // Reads all of it, and adds to each stream how many packets it has, how large and how regular they
 // are.
