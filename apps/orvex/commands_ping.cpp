@@ -111,6 +111,19 @@ class EchoSocket {
   std::array<char, 16> m_token = {};
 };
 
+// A socket for the first of the addresses to which there is a way: a host may have one of a
+// protocol that this network does not carry. Throws what the last one did when there is none.
+EchoSocket OpenFirst(std::span<const HostAddress> addresses, std::string* text) {
+  for (;; addresses = addresses.subspan(1)) {
+    *text = addresses.front().Text();
+    try {
+      return EchoSocket(addresses.front());
+    } catch (const lattix::ErrnoException&) {
+      if (addresses.size() == 1) throw;
+    }
+  }
+}
+
 }  // namespace
 
 int Ping(const CommandLine& command) {
@@ -132,8 +145,8 @@ int Ping(const CommandLine& command) {
     return 1;
   }
   command.Print("Pinging {}...", host);
-  const std::string address = addresses.front().Text();
-  EchoSocket socket(addresses.front());
+  std::string address;
+  EchoSocket socket = OpenFirst(addresses, &address);
   int replies = 0;
   for (int i = 1; i <= kRequests; ++i) {
     if (i > 1) wait.Poll({}, lattix::monotonic_time_after_ms(kPauseMilliseconds));
