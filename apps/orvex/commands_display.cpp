@@ -12,6 +12,7 @@
 #include "apps/orvex/command_numbers.h"
 #include "apps/orvex/hex_dump.h"
 #include "apps/orvex/interruptible_output.h"
+#include "apps/orvex/orvex_shell.h"
 #include "lib/platform/device_file.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/errno_exception.h"
@@ -27,6 +28,28 @@ constexpr char kConnectors[] = "/sys/class/drm";
 int NotAvailable(const CommandLine& command) {
   command.Print("{}: not available on this player", command.name());
   return 1;
+}
+
+// "htmlplay params NAME on|off".
+int SetHtmlParameter(const CommandLine& command) {
+  static constexpr struct {
+    std::string_view name;
+    bool HtmlWidgetParameters::*parameter;
+  } kParameters[] = {
+      {"mouse", &HtmlWidgetParameters::mouse_events},
+      {"scrollbars", &HtmlWidgetParameters::scrollbars},
+      {"javascript", &HtmlWidgetParameters::javascript},
+  };
+  const bool on = command.argument(3) == "on";
+  if (command.argument_count() != 3 || (!on && command.argument(3) != "off")) {
+    return command.Usage();
+  }
+  for (const auto& row : kParameters) {
+    if (command.argument(2) != row.name) continue;
+    command.orvex.html_parameters().*row.parameter = on;
+    return 0;
+  }
+  return command.Usage();
 }
 
 }  // namespace
@@ -47,8 +70,13 @@ int ImagePlay(const CommandLine& command) {
 int HtmlPlay(const CommandLine& command) {
   const std::string_view first = command.argument(1);
   const size_t count = command.argument_count();
-  const bool valid = first == "params" ? count >= 2 : first == "chronode" ? count == 2 : count == 1;
-  return valid ? NotAvailable(command) : command.Usage();
+  if (first == "params") return SetHtmlParameter(command);
+  const bool chronode = first == "chronode";
+  if (count != (chronode ? 2 : 1)) return command.Usage();
+  const std::string url =
+      chronode ? fmt::format("data:text/html,<script src=\"{}\"></script>", command.argument(2))
+               : std::string(first);
+  return command.orvex.PlayHtml(url) ? 0 : NotAvailable(command);
 }
 
 int VideoMode(const CommandLine& command) {

@@ -3,9 +3,11 @@
 
 #include <span>
 
+#include "apps/orvex/command_files.h"
 #include "apps/orvex/command_tables.h"
 #include "lib/hardware/hardware_config.h"
 #include "lib/platform/console_owner.h"
+#include "lib/platform/log.h"
 #include "lib/scripting/CommonAPI/Include/object_globals.h"
 #include "lib/scripting/script_autorun.h"
 #include "lib/scripting/script_bootstrap.h"
@@ -62,6 +64,20 @@ bool OrvexShell::EndPlayback() {
   if (invoker != nullptr && !invoker->Stop()) return false;
   for (std::shared_ptr<void>& object : m_playback) object.reset();
   return true;
+}
+
+bool OrvexShell::PlayHtml(const std::string& url) {
+  m_playback[kHtml].reset();
+  const auto widget = CreateHtmlWidget(m_html_parameters, *this);
+  if (widget == nullptr || !widget->SetUrl(url)) return false;
+  m_playback[kHtml] = widget;
+  return true;
+}
+
+void OrvexShell::OnHtmlWidgetEvent(const std::map<std::string, std::string>& event) {
+  for (const auto& [name, value] : event) {
+    lattix::Log("htmlplay: {}={}\n", Printable(name), Printable(value));
+  }
 }
 
 void OrvexShell::OpenManufacturing() {

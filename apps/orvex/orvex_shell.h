@@ -3,12 +3,14 @@
 
 #include <array>
 #include <atomic>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "apps/orvex/exit_status.h"
+#include "lib/javascript/html_widget.h"
 #include "lib/platform/line_editor.h"
 #include "lib/platform/shell.h"
 #include "lib/platform/simple_event.h"
@@ -20,7 +22,7 @@ class Bootstrap;
 
 // Created by main() when every service is there; its start routine holds the main thread until the
 // player is to end.
-class OrvexShell : public lattix::Singleton<OrvexShell> {
+class OrvexShell : public lattix::Singleton<OrvexShell>, private HtmlWidgetEventHandler {
  public:
   OrvexShell();
   ~OrvexShell();
@@ -43,6 +45,10 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   // Ends the running presentation and what the playback commands play. False when the presentation
   // does not end.
   bool EndPlayback();
+  // Shows a page in place of the last one; false when this player cannot.
+  bool PlayHtml(const std::string& url);
+  // Of the pages that are shown from now on.
+  HtmlWidgetParameters& html_parameters() { return m_html_parameters; }
   // Adds the manufacturing commands and, unless the unit is restricted, the low-level ones; the
   // second call changes nothing.
   void OpenManufacturing();
@@ -59,6 +65,8 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   // The shell's status as the process's. On the main thread, when the console has ended.
   int ProcessStatus() const;
 
+  void OnHtmlWidgetEvent(const std::map<std::string, std::string>& event) override;
+
   // Reads and runs commands until `exit`, the end of the input, or RequestExit.
   void RunConsole(const std::string& prompt);
 
@@ -71,6 +79,8 @@ class OrvexShell : public lattix::Singleton<OrvexShell> {
   std::mutex m_bootstrap_mutex;
   Bootstrap* m_bootstrap = nullptr;  // while it runs; guarded by m_bootstrap_mutex
   const std::shared_ptr<LineEditorIoConsole> m_debugger_console;
-  // What the playback commands have started, alive until the next of them or a script.
-  std::array<std::shared_ptr<void>, 4> m_playback;
+  // What the playback commands have started, alive until the next of its kind or a script.
+  enum Playback { kAudio, kVideo, kImage, kHtml, kPlaybackKinds };
+  std::array<std::shared_ptr<void>, kPlaybackKinds> m_playback;
+  HtmlWidgetParameters m_html_parameters;
 };
