@@ -3,11 +3,35 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <exception>
 
 #include "lib/platform/errno_exception.h"
 #include "lib/scripting/filename_mapper.h"
+
+namespace {
+
+// The length of the UTF-8 character (RFC 3629) that the text begins with; 0 when it begins with
+// something else, or with a control character: those above 0x7F control terminals too.
+size_t VisibleCharacter(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text.front());
+  if (first < 0x80) return first >= ' ' && first != 0x7F ? 1 : 0;
+  const size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
+  if (first < 0xC2 || first > 0xF4 || text.size() < length) return 0;
+  uint32_t character = first & (0x7Fu >> length);
+  for (const char c : text.substr(1, length - 1)) {
+    if ((static_cast<unsigned char>(c) & 0xC0) != 0x80) return 0;
+    character = character << 6 | (static_cast<unsigned char>(c) & 0x3F);
+  }
+  constexpr uint32_t kLeast[] = {0, 0, 0xA0, 0x800, 0x10000};
+  const bool valid = character >= kLeast[length] && character <= 0x10FFFF &&
+                     (character < 0xD800 || character > 0xDFFF);
+  return valid ? length : 0;
+}
+
+}  // namespace
 
 bool MapArgument(const CommandLine& command, std::string_view name, std::string* device_path) {
   try {
@@ -62,9 +86,11 @@ void PrintFileError(const CommandLine& command, std::string_view name, int error
 }
 
 std::string Printable(std::string_view name) {
-  std::string text(name);
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < ' ' || c == 0x7F) c = '?';
+  std::string text;
+  while (!name.empty()) {
+    const size_t length = VisibleCharacter(name);
+    text += length > 0 ? name.substr(0, length) : "?";
+    name.remove_prefix(std::max<size_t>(length, 1));
   }
   return text;
 }

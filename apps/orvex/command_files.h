@@ -27,5 +27,6 @@ void WriteAll(int fd, std::string_view bytes);
 // "NAME: TEXT", for the error number.
 void PrintFileError(const CommandLine& command, std::string_view name, int error);
 
-// A name from a storage, safe to show: what would control the terminal is a question mark.
+// A text from anywhere, safe to show: what would control the terminal, and bytes that are no UTF-8,
+// are question marks.
 std::string Printable(std::string_view name);

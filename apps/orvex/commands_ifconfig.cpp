@@ -537,11 +537,32 @@ void ShowSettings(const CommandLine& command, const std::string& section,
   }
 }
 
+void ShowInterface(const CommandLine& command, const InterfaceState& interface) {
+  const auto number = std::ranges::find(InterfaceNames(), interface.name);
+  const std::string selector = number == InterfaceNames().end()
+                                   ? ""
+                                   : fmt::format(":{} ", number - InterfaceNames().begin());
+  command.Print("{}{}: {}", selector, interface.name, interface.state);
+  if (!interface.mac.empty()) command.Print("  MAC: {}", interface.mac);
+  if (!interface.mtu.empty()) command.Print("  Current MTU: {}", interface.mtu);
+  for (const auto& [address, mask, broadcast] : interface.addresses) {
+    command.Print("  Current address: {}/{}{}{}", address, mask, broadcast.empty() ? "" : "/",
+                  broadcast);
+  }
+  if (!interface.gateway.empty()) command.Print("  Current gateway: {}", interface.gateway);
+  const std::string section = fmt::format("{}.{}", kGlobal, interface.name);
+  const bool is_static = Stored(section, "method") == "static";
+  command.Print("  Configured by: {}", is_static ? "static address" : "DHCP");
+  ShowSettings(command, section, kInterfaceSettings);
+  for (const char* const key : {"ipv4", "ipv6"}) {
+    if (Stored(section, key) == "0") command.Print("  IPv{}: disabled", key + 3);
+  }
+}
+
 int Display(const Request& request) {
   const CommandLine& command = request.command;
   std::vector<InterfaceState> interfaces = ReadInterfaces();
-  for (size_t number = 0; number < InterfaceNames().size(); ++number) {
-    const char* const name = InterfaceNames()[number];
+  for (const char* const name : InterfaceNames()) {
     // One that is not there keeps its settings.
     if (std::ranges::find(interfaces, name, &InterfaceState::name) == interfaces.end() &&
         GetRegistryClient().SectionExists(fmt::format("{}.{}", kGlobal, name))) {
@@ -549,27 +570,7 @@ int Display(const Request& request) {
       interfaces.back().state = "not present";
     }
   }
-  for (const InterfaceState& interface : interfaces) {
-    const auto number = std::ranges::find(InterfaceNames(), interface.name);
-    const std::string selector = number == InterfaceNames().end()
-                                     ? ""
-                                     : fmt::format(":{} ", number - InterfaceNames().begin());
-    command.Print("{}{}: {}", selector, Printable(interface.name), interface.state);
-    if (!interface.mac.empty()) command.Print("  MAC: {}", interface.mac);
-    if (!interface.mtu.empty()) command.Print("  Current MTU: {}", interface.mtu);
-    for (const auto& [address, mask, broadcast] : interface.addresses) {
-      command.Print("  Current address: {}/{}{}{}", address, mask, broadcast.empty() ? "" : "/",
-                    broadcast);
-    }
-    if (!interface.gateway.empty()) command.Print("  Current gateway: {}", interface.gateway);
-    const std::string section = fmt::format("{}.{}", kGlobal, interface.name);
-    const bool is_static = Stored(section, "method") == "static";
-    command.Print("  Configured by: {}", is_static ? "static address" : "DHCP");
-    ShowSettings(command, section, kInterfaceSettings);
-    for (const char* const key : {"ipv4", "ipv6"}) {
-      if (Stored(section, key) == "0") command.Print("  IPv{}: disabled", key + 3);
-    }
-  }
+  for (const InterfaceState& interface : interfaces) ShowInterface(command, interface);
   const std::vector<std::string> servers = NameServers();
   if (!servers.empty()) command.Print("DNS servers in use: {}", fmt::join(servers, " "));
   command.Print("Settings:");

@@ -135,16 +135,17 @@ std::vector<InterfaceState> ReadInterfaces() {
   std::error_code error;
   for (std::filesystem::directory_iterator i(lattix::DevicePath(kFolder), error), end;
        !error && i != end; i.increment(error)) {
+    const std::string name = i->path().filename();
+    if (name == "lo" || !i->is_directory(error)) continue;
     InterfaceState state;
-    state.name = i->path().filename();
-    if (state.name == "lo" || !i->is_directory(error)) continue;
-    state.mac = Attribute(state.name, "address");
-    state.state = Attribute(state.name, "operstate");
-    state.mtu = Attribute(state.name, "mtu");
-    if (const auto found = addresses.find(state.name); found != addresses.end()) {
+    state.name = Printable(name);
+    state.mac = Attribute(name, "address");
+    state.state = Attribute(name, "operstate");
+    state.mtu = Attribute(name, "mtu");
+    if (const auto found = addresses.find(name); found != addresses.end()) {
       state.addresses = found->second;
     }
-    if (const auto found = gateways.find(state.name); found != gateways.end()) {
+    if (const auto found = gateways.find(name); found != gateways.end()) {
       state.gateway = found->second;
     }
     result.push_back(std::move(state));

@@ -25,7 +25,8 @@ std::span<const char* const> InterfaceNames();
 std::string SelectInterface(const CommandLine& command, std::string_view selector,
                             size_t otherwise);
 
-// What there is to say about an interface now; what cannot be read is empty.
+// What there is to say about an interface now, all of it safe to show; what cannot be read is
+// empty.
 struct InterfaceState {
   std::string name;
   std::string mac;

@@ -47,6 +47,7 @@ TEST_F(ConsoleTest, CommandsAnswer) {
   Write("/storage/sd/a.txt", "abc");
   Write("/storage/sd/b.plm", "Sub Other()\nEnd Sub\n");
   fs::create_directories(m_root / "storage/sd/d/e");
+  Write("/storage/sd/d/e/\x1B \xC2\x9B \xFF \xC3\xA9 \xE2\x82\xAC", "");
   fs::create_directory_symlink("/etc", m_root / "storage/sd/d/link");
   Start();
   const struct {
@@ -73,6 +74,7 @@ TEST_F(ConsoleTest, CommandsAnswer) {
       {"dir nope:/", "nope:/: Invalid drive specifier.\n\n"},
       {"cd sd:/d/e/..", "\n"},
       {"cd", "SD:/d/\n\n"},
+      {"dir e", "? ?? ? \xC3\xA9 \xE2\x82\xAC\n\n"},
       {"cd ../..", "../..: no such directory\n\n"},
       {"hash sha1 ../a.txt", "a9993e364706816aba3e25717850c26c9cd0d89d\n\n"},
       {"hash besha1 ../a.txt", "363e99a96a81064771253eba6cc250789dd8d09c\n\n"},

@@ -102,6 +102,8 @@ TEST_F(NetworkCommandsTest, SettingsGoToTheRegistry) {
     EXPECT_EQ(Ask(std::string("registry list ") + row.section), std::string(row.settings) + "\n")
         << row.command;
   }
+  fs::create_directories(m_root / "sys/class/net/e\x1Bvil");
+  EXPECT_THAT(Ask("ifconfig"), AllOf(HasSubstr("e?vil: \n"), HasSubstr("Settings:\n")));
   EXPECT_THAT(Ask("ifconfig nonsense"), StartsWith("Usage:\n  ifconfig\n"));
   EXPECT_THAT(Ask("ifconfig :0 hostname x"), StartsWith("Usage:\n"));
   EXPECT_THAT(Ask("ifconfig reset"), StartsWith("Usage:\n"));
@@ -211,6 +213,7 @@ TEST_F(NetworkCommandsTest, DeviceNodesAreAskedWithinTheRoot) {
       {"memdump -1 1", "Usage: memdump <address-in-hex> <length-in-hex>\n"},
       {"i2c /dev/i2c-0 0x50 0", "Command \"i2c" + refused},
       {"i2c /dev/i2c-0 0x50 0 256", "Usage: i2c <devnode> <device> <offset> [<value>]\n"},
+      {"i2c /dev/../i2c-0 0x50 0", "Usage: i2c <devnode> <device> <offset> [<value>]\n"},
       {"i2c /dev/i2c-0 0x78 0", "Usage: i2c <devnode> <device> <offset> [<value>]\n"},
       {"usbtestmode 1 4", "Command \"usbtestmode" + refused},
       {"usbtestmode 5 4", "Port 5 is out of range\n"},
@@ -228,11 +231,14 @@ TEST_F(NetworkCommandsTest, DeviceNodesAreAskedWithinTheRoot) {
       {"powersave maybe", "usage: powersave on|off\n"},
       {"videomode a b", "Usage: videomode [<video-mode>]\n"},
       {"imageplay nope:/x", "nope:/x: Invalid drive specifier.\n"},
+      {"htmlplay params mouse on", ""},
+      {"htmlplay chronode http://h/", "htmlplay: not available on this player\n"},
   };
   for (const auto& row : rows) EXPECT_EQ(Ask(row.command), row.answer + "\n") << row.command;
   EXPECT_THAT(Ask("mii read 32"), StartsWith("Usage:\n  mii"));
   EXPECT_THAT(Ask("usbtestmode x 1"), StartsWith("Usage: usbtestmode"));
   EXPECT_THAT(Ask("htmlplay chronode"), StartsWith("Usage: htmlplay"));
+  EXPECT_THAT(Ask("htmlplay params mouse maybe"), StartsWith("Usage: htmlplay"));
   EXPECT_EQ(42, Exit());
 }
 
