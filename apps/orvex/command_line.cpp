@@ -9,6 +9,8 @@ int CommandLine::Usage() const {
   if (command != nullptr && command->help != nullptr) {
     const char* argv[] = {name(), nullptr};
     command->help(shell, 1, argv);
+  } else {
+    Print("Usage: {}", name());
   }
   return 1;
 }

@@ -33,7 +33,8 @@ struct CommandLine {
   void Print(fmt::format_string<Args...> format, Args&&... args) const {
     shell.Print(format, std::forward<Args>(args)...);
   }
-  // Prints the command's help; for `return command.Usage()` on wrong arguments.
+  // Prints the command's help, or that it takes no arguments when its row has none; for
+  // `return command.Usage()` on wrong arguments.
   int Usage() const;
 };
 

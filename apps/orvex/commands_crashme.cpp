@@ -27,6 +27,7 @@
 #include <thread>
 #include <vector>
 
+#include "apps/orvex/command_numbers.h"
 #include "apps/orvex/commands_mfg.h"
 #include "lib/platform/assertion.h"
 #include "lib/platform/device_path.h"
@@ -199,13 +200,8 @@ int CrashMe(const CommandLine& command) {
   if (command.argument_count() != 1) return Usage(command);
   const std::string_view name = command.argument(1);
   const auto way = std::ranges::find(kWays, name, &Way::name);
-  uint32_t piece_kib = 0;
-  if (way == std::end(kWays)) {
-    const auto end = std::from_chars(name.data(), name.data() + name.size(), piece_kib);
-    if (end.ec != std::errc() || end.ptr != name.data() + name.size() || piece_kib == 0) {
-      return Usage(command);
-    }
-  }
+  const uint64_t piece_kib = ParseNumber(name, UINT32_MAX, 10).value_or(0);
+  if (way == std::end(kWays) && piece_kib == 0) return Usage(command);
   if (lattix::InDeviceRoot()) {
     const rlimit no_core = {};
     setrlimit(RLIMIT_CORE, &no_core);

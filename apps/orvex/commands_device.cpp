@@ -86,10 +86,7 @@ int RemoveExtension(const CommandLine& command, std::string_view name) {
 }  // namespace
 
 int Id(const CommandLine& command) {
-  if (command.argument_count() > 0) {
-    command.Print("Usage: id");
-    return 1;
-  }
+  if (command.argument_count() > 0) return command.Usage();
   const HardwareConfig& hardware = HardwareConfig::GetInstance();
   command.Print("Orvex");
   command.Print("Model:     {}", hardware.GetModel());
@@ -107,10 +104,7 @@ int UsbList(const CommandLine& command) {
 }
 
 int MmcHealth(const CommandLine& command) {
-  if (command.argument_count() > 0) {
-    command.Print("Usage: {}", command.name());
-    return 1;
-  }
+  if (command.argument_count() > 0) return command.Usage();
   const auto health = ReadMmcHealth();
   if (!health) {
     command.Print("MMC health is not available");

@@ -82,6 +82,35 @@ bool ShowPackage(const CommandLine& command, const InterruptibleOutput& output,
   return true;
 }
 
+int OnePackage(const CommandLine& command, const InterruptibleOutput& output, const Json& index,
+               const std::string& name, bool show) {
+  const auto package = index.find(name);
+  if (package == index.end()) {
+    command.Print("Package not available");
+    return 1;
+  }
+  if (!show) {
+    ListPackage(command, name, *package);
+  } else if (!ShowPackage(command, output, name)) {
+    command.Print("Package not installed");
+    return 1;
+  }
+  return 0;
+}
+
+int AllPackages(const CommandLine& command, const InterruptibleOutput& output, const Json& index,
+                bool show) {
+  for (const auto& [name, package] : index.items()) {
+    output.Check();
+    if (!show) {
+      ListPackage(command, name, package);
+    } else if (IsPackageName(name)) {
+      ShowPackage(command, output, name);
+    }
+  }
+  return 0;
+}
+
 }  // namespace
 
 int Licenses(const CommandLine& command) {
@@ -97,30 +126,9 @@ int Licenses(const CommandLine& command) {
     return 1;
   }
   const Json index = ReadIndex();
-  if (command.argument_count() == 2) {
-    const std::string name(command.argument(2));
-    const auto package = index.find(name);
-    if (package == index.end()) {
-      command.Print("Package not available");
-      return 1;
-    }
-    if (!show) {
-      ListPackage(command, name, *package);
-    } else if (!ShowPackage(command, output, name)) {
-      command.Print("Package not installed");
-      return 1;
-    }
-    return 0;
-  }
-  for (const auto& [name, package] : index.items()) {
-    output.Check();
-    if (!show) {
-      ListPackage(command, name, package);
-    } else if (IsPackageName(name)) {
-      ShowPackage(command, output, name);
-    }
-  }
-  return 0;
+  return command.argument_count() == 2
+             ? OnePackage(command, output, index, std::string(command.argument(2)), show)
+             : AllPackages(command, output, index, show);
 }
 
 int LicensesHelp(Shell& shell, int, const char**) {

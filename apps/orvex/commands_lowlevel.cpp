@@ -145,8 +145,9 @@ int I2c(const CommandLine& command) {
   const auto offset = ParseNumber(command.argument(3), UINT8_MAX);
   const auto value = ParseNumber(command.argument(4), UINT8_MAX);
   const size_t count = command.argument_count();
-  if (count < 3 || count > 4 || !node.starts_with("/dev/") || !device ||
-      *device < kFirstI2cDevice || !offset || (count == 4 && !value)) {
+  const bool is_node = node.starts_with("/dev/") && node.find("/../") == std::string::npos;
+  if (count < 3 || count > 4 || !is_node || !device || *device < kFirstI2cDevice || !offset ||
+      (count == 4 && !value)) {
     command.Print("Usage: {} <devnode> <device> <offset> [<value>]", command.name());
     return 1;
   }

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "apps/orvex/command_files.h"
 #include "lib/hardware/device_data.h"
 #include "lib/hardware/hardware_config.h"
 #include "lib/hardware/temperature.h"
@@ -29,23 +30,10 @@ constexpr size_t kKernelHead = 64 * 1024;
 // Each is a key of the device id partition: "BLESSING_BETA=until 2026-01".
 constexpr std::string_view kBlessing = "BLESSING_";
 
-// For commands whose rows have no help.
-int PlainUsage(const CommandLine& command) {
-  command.Print("Usage: {}", command.name());
-  return 1;
-}
-
 // Overwrites the beginning of a partition, which keeps its size, durably.
 void OverwriteHead(const char* device_path, std::string_view bytes) {
   const lattix::UniqueFd fd = lattix::OpenDevice(device_path, O_WRONLY);
-  off_t offset = 0;
-  while (!bytes.empty()) {
-    const ssize_t n = pwrite(fd.Get(), bytes.data(), bytes.size(), offset);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw lattix::ErrnoException(errno, device_path);
-    bytes.remove_prefix(static_cast<size_t>(n));
-    offset += n;
-  }
+  WriteAll(fd.Get(), bytes);
   if (fsync(fd.Get()) != 0 && errno != EINVAL) throw lattix::ErrnoException(errno, device_path);
 }
 
@@ -73,7 +61,7 @@ void RemoveBlessings(const DeviceData& device_id) {
 }  // namespace
 
 int DropCache(const CommandLine& command) {
-  if (command.argument_count() > 0) return PlainUsage(command);
+  if (command.argument_count() > 0) return command.Usage();
   if (lattix::InDeviceRoot()) {
     command.Print("In a device root the machine's cache stays: a device writes 3 to {}",
                   kDropCaches);
@@ -86,7 +74,7 @@ int DropCache(const CommandLine& command) {
 }
 
 int DeviceDataCommand(const CommandLine& command) {
-  if (command.argument_count() > 0) return PlainUsage(command);
+  if (command.argument_count() > 0) return command.Usage();
   const HardwareConfig& hardware = HardwareConfig::GetInstance();
   const char* signature = "not checked";
   switch (hardware.CheckDeviceData()) {
@@ -109,7 +97,7 @@ int DeviceDataCommand(const CommandLine& command) {
 
 // Only whether a key is there; the keys themselves are not even read.
 int DrmKeys(const CommandLine& command) {
-  if (command.argument_count() > 0) return PlainUsage(command);
+  if (command.argument_count() > 0) return command.Usage();
   static constexpr struct {
     const char* name;
     const char* path;
@@ -128,7 +116,7 @@ int DrmKeys(const CommandLine& command) {
 }
 
 int HwFlags(const CommandLine& command) {
-  if (command.argument_count() > 0) return PlainUsage(command);
+  if (command.argument_count() > 0) return command.Usage();
   const HardwareConfig& hardware = HardwareConfig::GetInstance();
   for (unsigned bit = 0; bit < 64; ++bit) {
     if (hardware.HasFlag(bit)) command.Print("{}", HardwareFlagText(bit));
@@ -166,7 +154,7 @@ int Blessings(const CommandLine& command) {
 }
 
 int Temperature(const CommandLine& command) {
-  if (command.argument_count() > 0) return PlainUsage(command);
+  if (command.argument_count() > 0) return command.Usage();
   const auto temperature = ReadBoardTemperature();
   if (!temperature) {
     command.Print("Temperature is not available");

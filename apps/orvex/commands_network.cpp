@@ -111,6 +111,37 @@ void Scan(const CommandLine& command, sdbus::IConnection& bus, const std::string
   }
 }
 
+struct Download {
+  UrlFetcher::Response response;
+  int write_error = 0;  // an error number, when the file could not take it all
+  int64_t bytes = 0;
+  int64_t nanoseconds = 0;
+};
+
+Download DownloadInto(int file, const std::string& url, const InterruptWait& wait) {
+  Download download;
+  UrlFetcher::Request request;
+  request.url = url;
+  request.user_agent = DefaultUserAgent(HardwareConfig::GetInstance().GetModel());
+  request.headers = {{"Accept-Encoding", "identity"}};  // the network is measured
+  request.max_body = SIZE_MAX;
+  request.time_limit = std::chrono::milliseconds(0);
+  request.on_body = [&](std::string_view piece) {
+    try {
+      WriteAll(file, piece);
+    } catch (const lattix::ErrnoException& e) {
+      download.write_error = e.error();
+      return false;
+    }
+    download.bytes += static_cast<int64_t>(piece.size());
+    return true;
+  };
+  const int64_t start = lattix::get_monotonic_time();
+  download.response = CurlUrlFetcher().Fetch(request, wait.stop_token());
+  download.nanoseconds = lattix::get_monotonic_time() - start;
+  return download;
+}
+
 }  // namespace
 
 int NsLookup(const CommandLine& command) {
@@ -170,46 +201,25 @@ int HttpGetPerf(const CommandLine& command) {
   struct stat status = {};
   ::fstat(file.Get(), &status);
 
-  int write_error = 0;
-  int64_t bytes = 0;
-  UrlFetcher::Request request;
-  request.url = command.argument(1);
-  request.user_agent = DefaultUserAgent(HardwareConfig::GetInstance().GetModel());
-  request.headers = {{"Accept-Encoding", "identity"}};  // the network is measured
-  request.max_body = SIZE_MAX;
-  request.time_limit = std::chrono::milliseconds(0);
-  request.on_body = [&](std::string_view piece) {
-    bytes += static_cast<int64_t>(piece.size());
-    while (!piece.empty()) {
-      const ssize_t n = ::write(file.Get(), piece.data(), piece.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        write_error = errno;
-        return false;
-      }
-      piece.remove_prefix(static_cast<size_t>(n));
-    }
-    return true;
-  };
-  const int64_t start = lattix::get_monotonic_time();
-  const UrlFetcher::Response response = CurlUrlFetcher().Fetch(request, wait.stop_token());
-  const int64_t nanoseconds = lattix::get_monotonic_time() - start;
-
-  const bool complete = write_error == 0 && response.result > 0 && response.result < 400;
+  const std::string url(command.argument(1));
+  const Download download = DownloadInto(file.Get(), url, wait);
+  const int result = download.response.result;
+  const bool complete = download.write_error == 0 && result > 0 && result < 400;
   if (!complete && S_ISREG(status.st_mode)) {
     host_files::DeleteFile(FilenameMapper::GetInstance(), destination);
   }
   wait.Check();
-  if (write_error != 0) {
-    PrintFileError(command, destination, write_error);
-  } else if (response.result <= 0) {
-    command.Print("{}: {}", UrlWithoutCredentials(request.url), Printable(response.message));
+  if (download.write_error != 0) {
+    PrintFileError(command, destination, download.write_error);
+  } else if (result <= 0) {
+    command.Print("{}: {}", UrlWithoutCredentials(url), Printable(download.response.message));
   } else {
-    command.Print("HTTP response: {}", response.result);
+    command.Print("HTTP response: {}", result);
   }
   if (!complete) return 1;
-  command.Print("Read file '{}' of {} bytes took {:.3f}s at {}", destination, bytes,
-                static_cast<double>(nanoseconds) / 1e9, TransferRate(bytes, nanoseconds));
+  command.Print("Read file '{}' of {} bytes took {:.3f}s at {}", destination, download.bytes,
+                static_cast<double>(download.nanoseconds) / 1e9,
+                TransferRate(download.bytes, download.nanoseconds));
   command.Print("Note that this is susceptible to errors introduced by system load.");
   return 0;
 }

@@ -11,15 +11,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <stop_token>
 #include <string>
 #include <vector>
 
 #include "apps/orvex/command_files.h"
 #include "apps/orvex/commands_device.h"
 #include "apps/orvex/console_terminal.h"
+#include "apps/orvex/interrupt_wait.h"
 #include "lib/hardware/hardware_config.h"
-#include "lib/platform/async_signals.h"
 #include "lib/platform/device_path.h"
 #include "lib/platform/errno_exception.h"
 #include "lib/platform/spawn_process.h"
@@ -72,20 +71,6 @@ bool IsUrl(std::string_view name) {
   return name.starts_with("http://") || name.starts_with("https://");
 }
 
-// Ctrl-C while a script is fetched.
-class StopOnInterrupt final : public lattix::SignalObserver {
- public:
-  StopOnInterrupt() { lattix::SignalDispatcher::GetInstance().Attach(SIGINT, this); }
-  ~StopOnInterrupt() { lattix::SignalDispatcher::GetInstance().Detach(SIGINT, this); }
-  StopOnInterrupt(const StopOnInterrupt&) = delete;
-  StopOnInterrupt& operator=(const StopOnInterrupt&) = delete;
-  void OnSignal(const siginfo_t&) override { m_stop.request_stop(); }
-  std::stop_token GetToken() const { return m_stop.get_token(); }
-
- private:
-  std::stop_source m_stop;
-};
-
 // A script that was fetched, as long as it is needed.
 class FetchedScript {
  public:
@@ -116,12 +101,7 @@ class FetchedScript {
     if (!fd) throw lattix::ErrnoException(errno, kFolder);
     m_path = path;
     fchmod(fd.Get(), 0644);  // the runtime runs as somebody else
-    while (!text.empty()) {
-      const ssize_t n = write(fd.Get(), text.data(), text.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) throw lattix::ErrnoException(errno, kFolder);
-      text.remove_prefix(static_cast<size_t>(n));
-    }
+    WriteAll(fd.Get(), text);
   }
   const std::string& path() const { return m_path; }
 
@@ -139,9 +119,8 @@ bool Fetch(const CommandLine& command, std::string_view url, FetchedScript* scri
   UrlFetcher::Request request;
   request.url = url;
   request.user_agent = DefaultUserAgent(HardwareConfig::GetInstance().GetModel());
-  const StopOnInterrupt stop;
-  CurlUrlFetcher fetcher;
-  const UrlFetcher::Response response = fetcher.Fetch(request, stop.GetToken());
+  const InterruptWait wait;
+  const UrlFetcher::Response response = CurlUrlFetcher().Fetch(request, wait.stop_token());
   if (!response.IsSuccess()) {
     command.Print("Failed to fetch {}, status {}", UrlWithoutCredentials(url), response.result);
     return false;

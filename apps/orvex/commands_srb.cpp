@@ -4,10 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <optional>
 #include <string>
 
+#include "apps/orvex/command_numbers.h"
 #include "apps/orvex/commands_mfg.h"
 #include "lib/hardware/device_data.h"
 #include "lib/platform/device_path.h"
@@ -30,35 +29,29 @@ DeviceData ReadSrb() {
   }
 }
 
-int PlainUsage(const CommandLine& command) {
-  command.Print("Usage: {}", command.name());
-  return 1;
-}
-
-template <typename Number>
-bool ReadNumber(std::string_view text, int base, Number* number) {
-  const auto end = std::from_chars(text.data(), text.data() + text.size(), *number, base);
-  return end.ec == std::errc() && end.ptr == text.data() + text.size();
-}
-
 // Six pairs of hexadecimal digits with colons between them, the address of one interface: neither
 // zero nor a group's.
 bool IsMacAddress(std::string_view text) {
   if (text.size() != 17) return false;
   uint64_t address = 0;
   for (size_t i = 0; i < text.size(); i += 3) {
-    uint8_t byte = 0;
-    if (!ReadNumber(text.substr(i, 2), 16, &byte)) return false;
-    if (i + 2 < text.size() && text[i + 2] != ':') return false;
-    address = address << 8 | byte;
+    const auto byte = ParseNumber(text.substr(i, 2), UINT8_MAX, 16);
+    if (!byte || (i + 2 < text.size() && text[i + 2] != ':')) return false;
+    address = address << 8 | *byte;
   }
   return address != 0 && (address >> 40 & 1) == 0;
+}
+
+// An error number; 0 when the store can be written.
+int WhyNotWritable() {
+  const std::string path = lattix::DevicePath(DeviceData::kPath);
+  return access(path.substr(0, path.rfind('/')).c_str(), W_OK) == 0 ? 0 : errno;
 }
 
 }  // namespace
 
 int SrbDump(const CommandLine& command) {
-  if (command.argument_count() > 0) return PlainUsage(command);
+  if (command.argument_count() > 0) return command.Usage();
   const DeviceData data = ReadSrb();
   for (const auto& [key, value] : data.Entries()) command.Print(" {}=\"{}\"", key, value);
   if (!data.IsValid()) command.Print("Note: SRB is invalid");
@@ -66,7 +59,7 @@ int SrbDump(const CommandLine& command) {
 }
 
 int SrbDecode(const CommandLine& command) {
-  if (command.argument_count() > 0) return PlainUsage(command);
+  if (command.argument_count() > 0) return command.Usage();
   DeviceData data = ReadSrb();
   for (int reads = 1;; ++reads) {
     if (reads == kMaxReads) {
@@ -102,9 +95,8 @@ int SrbDecode(const CommandLine& command) {
     if (!field.optional || !value.empty()) command.Print("{:>25}: {}", field.label, value);
   }
   const std::string_view text = data.Get("PS_HWFLAGS");
-  uint64_t flags = 0;
-  if (ReadNumber(text.starts_with("0x") ? text.substr(2) : text, 16, &flags)) {
-    command.Print("{:>25}: 0x{:x}", "Hardware Flags", flags);
+  if (const auto flags = ParseNumber(text, UINT64_MAX, 16)) {
+    command.Print("{:>25}: 0x{:x}", "Hardware Flags", *flags);
   } else {
     command.Print("{:>25}: {}", "Hardware Flags", text);
   }
@@ -116,41 +108,30 @@ int SrbDecode(const CommandLine& command) {
 int SrbUserSet(const CommandLine& command) {
   const size_t count = command.argument_count();
   if (count != 7 && count != 8) return command.Usage();
-  uint32_t manufacturer = 0;
-  uint16_t revision = 0;
-  uint64_t flags = 0;
-  std::string_view flags_text = command.argument(7);
-  if (flags_text.starts_with("0x")) flags_text.remove_prefix(2);
-  if (!ReadNumber(command.argument(3), 10, &manufacturer)) {
-    command.Print("Invalid manufacturer ID: '{}'", command.argument(3));
+  const auto flags = ParseNumber(command.argument(7), UINT64_MAX, 16);
+  const struct {
+    size_t argument;
+    const char* what;
+    bool valid;
+  } checks[] = {
+      {3, "manufacturer ID", ParseNumber(command.argument(3), UINT32_MAX, 10).has_value()},
+      {5, "Ethernet MAC address", IsMacAddress(command.argument(5))},
+      {6, "hardware revision", ParseNumber(command.argument(6), UINT16_MAX, 10).has_value()},
+      {7, "hardware config bitfield", flags.has_value()},
+      {8, "WiFi MAC address", count < 8 || IsMacAddress(command.argument(8))},
+  };
+  for (const auto& check : checks) {
+    if (check.valid) continue;
+    command.Print("Invalid {}: '{}'", check.what, command.argument(check.argument));
     return 1;
   }
-  if (!IsMacAddress(command.argument(5))) {
-    command.Print("Invalid Ethernet MAC address: '{}'", command.argument(5));
-    return 1;
-  }
-  if (!ReadNumber(command.argument(6), 10, &revision)) {
-    command.Print("Invalid hardware revision: '{}'", command.argument(6));
-    return 1;
-  }
-  if (!ReadNumber(flags_text, 16, &flags)) {
-    command.Print("Invalid hardware config bitfield: '{}'", command.argument(7));
-    return 1;
-  }
-  if (count == 8 && !IsMacAddress(command.argument(8))) {
-    command.Print("Invalid WiFi MAC address: '{}'", command.argument(8));
-    return 1;
-  }
-
-  const std::string path = lattix::DevicePath(DeviceData::kPath);
-  const std::string folder = path.substr(0, path.rfind('/'));
-  if (access(folder.c_str(), W_OK) != 0) {
-    const int error = errno;
+  if (const int error = WhyNotWritable(); error != 0) {
     command.Print("SRB is not writable: {} ({}).", lattix::ErrorText(error), error);
     return 1;
   }
-  const DeviceData old = ReadSrb();
+
   DeviceData data;
+  const DeviceData old = ReadSrb();
   for (const auto& [key, value] : old.Entries()) {
     if (key != "PS_WLAN0_HWADDR") data.Set(key, value);
   }
@@ -161,7 +142,7 @@ int SrbUserSet(const CommandLine& command) {
   data.Set("PS_SERIAL", command.argument(4));
   data.Set("PS_ETH0_HWADDR", command.argument(5));
   data.Set("PS_HWREV", command.argument(6));
-  data.Set("PS_HWFLAGS", fmt::format("{:x}", flags));
+  data.Set("PS_HWFLAGS", fmt::format("{:x}", *flags));
   if (count == 8) data.Set("PS_WLAN0_HWADDR", command.argument(8));
   try {
     data.Write();

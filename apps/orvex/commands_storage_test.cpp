@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -17,6 +16,7 @@
 #include <string>
 
 #include "apps/orvex/command_files.h"
+#include "apps/orvex/command_numbers.h"
 #include "apps/orvex/commands_mfg.h"
 #include "apps/orvex/interruptible_output.h"
 #include "lib/platform/errno_exception.h"
@@ -101,9 +101,9 @@ int64_t VerifyFile(int fd, uint64_t seed, size_t blocks, const Block& wanted, co
 }
 
 bool ReadCount(std::string_view text, uint32_t max, uint32_t* number) {
-  const auto end = std::from_chars(text.data(), text.data() + text.size(), *number);
-  return end.ec == std::errc() && end.ptr == text.data() + text.size() && *number > 0 &&
-         *number <= max;
+  const auto given = ParseNumber(text, max, 10);
+  *number = static_cast<uint32_t>(given.value_or(0));
+  return *number > 0;
 }
 
 // A folder of our own in a folder of the storage, with files that are numbered.
@@ -206,6 +206,18 @@ int DisturbFolder(const CommandLine& command, int parent, uint32_t passes,
   return 0;
 }
 
+// Whether the file is good.
+bool TellVerified(const CommandLine& command, uint32_t loop, bool direct, uint32_t megabytes,
+                  int64_t differs_at) {
+  const char* const way = direct ? "O_DIRECT" : "non-O_DIRECT";
+  if (differs_at == kGood) {
+    command.Print("Loop {}: {} read of {} MiB is good", loop, way, megabytes);
+  } else {
+    command.Print("Loop {}: {} read differs at offset {}", loop, way, differs_at);
+  }
+  return differs_at == kGood;
+}
+
 }  // namespace
 
 int Disturb(const CommandLine& command) {
@@ -257,7 +269,6 @@ int FileVerify(const CommandLine& command) {
     file.Reset();
     for (uint32_t loop = 1; loop <= loops; ++loop) {
       for (const bool direct : {true, false}) {
-        const char* const way = direct ? "O_DIRECT" : "non-O_DIRECT";
         const lattix::UniqueFd fd = OpenBeneathDrive(path, O_RDONLY | (direct ? O_DIRECT : 0), 0);
         if (!fd && direct && errno == EINVAL) {
           command.Print("Loop {}: O_DIRECT is not supported here", loop);
@@ -265,11 +276,7 @@ int FileVerify(const CommandLine& command) {
         }
         if (!fd) throw lattix::ErrnoException(errno);
         const int64_t at = VerifyFile(fd.Get(), seed, megabytes, wanted, found, output);
-        if (at != kGood) {
-          command.Print("Loop {}: {} read differs at offset {}", loop, way, at);
-          return 1;
-        }
-        command.Print("Loop {}: {} read of {} MiB is good", loop, way, megabytes);
+        if (!TellVerified(command, loop, direct, megabytes, at)) return 1;
       }
       command.shell.Flush();
     }

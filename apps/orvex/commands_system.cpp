@@ -4,12 +4,13 @@
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <charconv>
+#include <climits>
 #include <cstdio>
 #include <ctime>
 #include <optional>
 #include <string>
 
+#include "apps/orvex/command_numbers.h"
 #include "apps/orvex/console_terminal.h"
 #include "apps/orvex/exit_status.h"
 #include "apps/orvex/interruptible_output.h"
@@ -184,33 +185,21 @@ int Mfg(const CommandLine& command) {
 }
 
 int Reboot(const CommandLine& command) {
-  if (command.argument_count() > 0) {
-    command.Print("Usage: reboot");
-    return 1;
-  }
+  if (command.argument_count() > 0) return command.Usage();
   PowerManager::GetInstance().Reboot(RebootReason::kRequested);
   return 0;
 }
 
 int Shutdown(const CommandLine& command) {
-  if (command.argument_count() > 0) {
-    command.Print("Usage: shutdown");
-    return 1;
-  }
+  if (command.argument_count() > 0) return command.Usage();
   PowerManager::GetInstance().ShutDown();
   return 0;
 }
 
 int Suspend(const CommandLine& command) {
   std::optional<unsigned> seconds;
-  const std::string_view text = command.argument(1);
-  if (command.argument_count() == 1) {
-    unsigned number = 0;
-    const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (end.ec == std::errc() && end.ptr == text.data() + text.size() && number > 0) {
-      seconds = number;
-    }
-  }
+  const auto number = ParseNumber(command.argument(1), UINT_MAX, 10);
+  if (number && *number > 0) seconds = static_cast<unsigned>(*number);
   if (command.argument_count() > 1 || (command.argument_count() == 1 && !seconds)) {
     command.Print("Usage: suspend [time in seconds]");
     return 1;
