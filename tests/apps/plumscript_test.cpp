@@ -397,7 +397,7 @@ TEST_F(PlumscriptTest, DebugKeepsTheScriptsOutputApart) {
 TEST_F(PlumscriptTest, InterruptsBreakIntoTheDebugger) {
   constexpr char kPromptText[] = "Plumscript Debugger> ";
   Tool tool = Start(
-      {"debug", Script("print \"up\"\nx = 1\nwhile x = 1\nend while\nprint \"down\"\nstop\n")},
+      {"debug", Script("x = 1\nprint \"up\"\nwhile x = 1\nend while\nprint \"down\"\nstop\n")},
       true);
   ASSERT_TRUE(tool.Expect("up\r\n"));
   // As often as one likes: while the script runs, while a statement does, while a line is typed.

@@ -19,7 +19,7 @@
 #include <vector>
 
 // Generous, for a loaded machine under a sanitizer; nothing waits for it when all is well.
-inline constexpr std::chrono::seconds kPatience{20};
+inline constexpr std::chrono::seconds kPatience{60};
 
 // A run of a program with its three streams in our hands, in a session of its own: standard input
 // and output are pipes, or one terminal.
