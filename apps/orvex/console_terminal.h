@@ -4,6 +4,7 @@
 #include <termios.h>
 
 #include "lib/platform/async_signals.h"
+#include "lib/platform/console_owner.h"
 
 // All are for the main thread, while nobody reads the console.
 
@@ -29,8 +30,8 @@ class FlowingOutput final : public lattix::SignalObserver {
   void OnSignal(const siginfo_t& info) override;
 };
 
-// The terminal as a program expects it that is run on the console and waited for: lines with echo.
-// It is as before when the object goes.
+// The terminal as a program expects it that is run on the console and waited for: lines with echo,
+// and nobody else who reads. It is as before when the object goes.
 class ProgramTerminal {
  public:
   ProgramTerminal();
@@ -39,6 +40,7 @@ class ProgramTerminal {
   ProgramTerminal& operator=(const ProgramTerminal&) = delete;
 
  private:
+  const lattix::ConsoleLoan m_loan;
   termios m_before = {};
   const bool m_terminal;  // standard input is one
 };

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "apps/plumscript/line_reader.h"
 #include "apps/plumscript/output.h"
 #include "apps/plumscript/private_root.h"
 #include "lib/platform/device_path.h"
@@ -57,6 +58,7 @@ void OnSignal(int signal) {
   } else if (signal == SIGINT && running != nullptr && g_interrupts.fetch_add(1) == 0) {
     BreakFromSignal(running);
   } else {
+    RestoreTerminal();
     RemovePrivateRoot();
     ::signal(signal, SIG_DFL);
     ::raise(signal);  // ends the process when this handler returns and unblocks it

@@ -5,11 +5,13 @@
 // arrives at any other moment is still seen before the next key.
 #include "apps/plumscript/line_reader.h"
 
-#include <histedit.h>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -17,6 +19,7 @@
 #include <cwchar>
 
 #include "apps/plumscript/host.h"
+#include "lib/platform/edit_context.h"
 
 namespace {
 
@@ -68,39 +71,41 @@ class PlainReader : public LineReader {
   char m_buffer[16 * 1024];
 };
 
+std::string Narrow(std::wstring_view text) {
+  std::string narrow;
+  mbstate_t state = {};
+  for (const wchar_t c : text) {
+    char bytes[MB_LEN_MAX];
+    const size_t n = std::wcrtomb(bytes, c, &state);
+    if (n != static_cast<size_t>(-1)) narrow.append(bytes, n);
+  }
+  return narrow;
+}
+
+// The terminal as it was before the editor first changed its mode, for the signal handlers.
+termios g_terminal;
+std::atomic<bool> g_editing{false};
+
 class EditingReader : public LineReader {
  public:
-  EditingReader(size_t max_bytes, FILE* echo) : m_max(max_bytes), m_echo(echo) {
-    std::setlocale(LC_CTYPE, "");
-    m_editor = ::el_init("plumscript", stdin, echo, stderr);
-    m_history = ::history_init();
-    if (m_editor == nullptr || m_history == nullptr) return;
-    HistEvent event;
-    ::history(m_history, &event, H_SETSIZE, kHistoryLines);
-    ::history(m_history, &event, H_SETUNIQUE, 1);
-    ::el_set(m_editor, EL_CLIENTDATA, this);
-    ::el_set(m_editor, EL_EDITOR, "emacs");
+  EditingReader(size_t max_bytes, FILE* echo)
+      : m_max(max_bytes), m_echo(echo), m_context("plumscript", echo, kHistoryLines, this) {
+    HistEventW event;
+    ::history_w(m_context.history(), &event, H_SETUNIQUE, 1);
     ::el_set(m_editor, EL_SIGNAL, 0);
-    ::el_set(m_editor, EL_PROMPT, &EditingReader::Prompt);
-    ::el_set(m_editor, EL_HIST, ::history, m_history);
     ::el_set(m_editor, EL_GETCFN, &EditingReader::ReadKey);
     // What a Ctrl-D typed ahead, while the terminal was in line mode, reads as.
     ::el_set(m_editor, EL_BIND, "^@", "ed-ignore", nullptr);
+    // Ctrl-\ at the prompt would leave the terminal and the private root behind.
+    ::el_set(m_editor, EL_SETTY, "-d", "quit=", nullptr);
     BeginSession();
   }
-  ~EditingReader() override {
-    if (m_history != nullptr) ::history_end(m_history);
-    if (m_editor != nullptr) ::el_end(m_editor);
-  }
-  EditingReader(const EditingReader&) = delete;
-  EditingReader& operator=(const EditingReader&) = delete;
 
-  bool works() const { return m_editor != nullptr && m_history != nullptr; }
   bool interactive() const override { return true; }
 
   Result Read(const char* prompt, std::string* line) override {
     line->clear();
-    m_prompt = prompt;
+    m_context.BeginLine(std::wstring(prompt, prompt + std::strlen(prompt)));
     m_interrupted = false;
     m_key_state = {};
 
@@ -108,12 +113,13 @@ class EditingReader : public LineReader {
     ::sigemptyset(&interrupt);
     ::sigaddset(&interrupt, SIGINT);
     ::sigprocmask(SIG_BLOCK, &interrupt, &m_while_waiting);
-    ::el_resize(m_editor);
     // The editor writes the prompt first and changes the mode then; whoever answers a prompt
     // quickly would still talk to line mode.
+    g_editing = true;
     ::el_set(m_editor, EL_PREP_TERM, 1);
     int n = 0;
-    const char* typed = ::el_gets(m_editor, &n);
+    const wchar_t* typed = ::el_wgets(m_editor, &n);
+    g_editing = false;
     ::sigprocmask(SIG_SETMASK, &m_while_waiting, nullptr);
 
     if (m_interrupted || typed == nullptr) {
@@ -121,30 +127,20 @@ class EditingReader : public LineReader {
       std::fflush(m_echo);
       return m_interrupted ? Result::kInterrupted : Result::kEnd;
     }
-    line->assign(typed, n > 0 ? static_cast<size_t>(n) : 0);
-    if (line->ends_with('\n')) line->pop_back();
-    StripCarriageReturn(line);
+    std::wstring text(typed, n > 0 ? static_cast<size_t>(n) : 0);
+    while (text.ends_with(L'\n') || text.ends_with(L'\r')) text.pop_back();
+    *line = Narrow(text);
     if (line->size() > m_max) return Result::kTooLong;
-    if (line->find_first_not_of(" \t") != std::string::npos) {
-      HistEvent event;
-      ::history(m_history, &event, H_ENTER, line->c_str());
-    }
+    if (text.find_first_not_of(L" \t") != text.npos) m_context.Remember(H_ENTER, text);
     return Result::kLine;
   }
 
  private:
   static constexpr int kHistoryLines = 1000;
 
-  static EditingReader* Of(EditLine* editor) {
-    void* self = nullptr;
-    ::el_get(editor, EL_CLIENTDATA, &self);
-    return static_cast<EditingReader*>(self);
-  }
-  static char* Prompt(EditLine* editor) { return const_cast<char*>(Of(editor)->m_prompt); }
-
   // 1 with a character, 0 at the end, -1 to give the line up.
   static int ReadKey(EditLine* editor, wchar_t* key) {
-    EditingReader* self = Of(editor);
+    auto* const self = static_cast<EditingReader*>(lattix::EditContext::Of(editor)->owner());
     for (;;) {
       pollfd input = {STDIN_FILENO, POLLIN, 0};
       const int ready = ::ppoll(&input, 1, nullptr, &self->m_while_waiting);
@@ -169,9 +165,8 @@ class EditingReader : public LineReader {
 
   size_t m_max;
   FILE* m_echo;
-  EditLine* m_editor = nullptr;
-  History* m_history = nullptr;
-  const char* m_prompt = "";
+  lattix::EditContext m_context;
+  EditLine* const m_editor = m_context.editor();
   bool m_interrupted = false;
   sigset_t m_while_waiting;
   mbstate_t m_key_state = {};
@@ -184,8 +179,13 @@ std::unique_ptr<LineReader> LineReader::Make(size_t max_bytes) {
                : ::isatty(STDERR_FILENO) == 1 ? stderr
                                               : nullptr;
   if (::isatty(STDIN_FILENO) == 1 && echo != nullptr) {
-    auto editing = std::make_unique<EditingReader>(max_bytes, echo);
-    if (editing->works()) return editing;
+    std::setlocale(LC_CTYPE, "");
+    ::tcgetattr(STDIN_FILENO, &g_terminal);
+    return std::make_unique<EditingReader>(max_bytes, echo);
   }
   return std::make_unique<PlainReader>(max_bytes);
+}
+
+void RestoreTerminal() {
+  if (g_editing) ::tcsetattr(STDIN_FILENO, TCSANOW, &g_terminal);
 }

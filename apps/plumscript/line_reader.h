@@ -24,3 +24,6 @@ class LineReader {
   // terminals; otherwise plain lines without a prompt. Lines above max_bytes are too long.
   static std::unique_ptr<LineReader> Make(size_t max_bytes);
 };
+
+// The terminal as it was found, if a line is being edited. Async-signal-safe.
+void RestoreTerminal();

@@ -1,9 +1,10 @@
-// The stack of claims, and the one reader that uses the terminal.
+// The stack of claims, and the one reader or loan that uses the terminal.
 //
 // Owning and using are two things: the reader that lost the top of the stack is still using the
-// terminal until it has left its line. So a claim waits for two conditions: it is on top, and no
-// reader is active. The one that lost the top is woken from its poll and becomes inactive soon,
-// since it does nothing else meanwhile; a byte that it has read by then stays in its own line.
+// terminal until it has left its line, and a loan as long as it lasts. So a claim waits for two
+// conditions: it is on top, and nobody uses the terminal. The reader that lost the top is woken
+// from its poll and becomes inactive soon, since it does nothing else meanwhile; a byte that it has
+// read by then stays in its own line.
 //
 // The signal dispatcher's mutex is taken before this one, never after it: a reader attaches itself
 // before it locks.
@@ -24,8 +25,9 @@ namespace lattix {
 
 struct ConsoleOwnership {
   std::mutex m_mutex;
-  std::vector<ConsoleClaim*> m_claims;  // the last is the owner
-  ConsoleReader* m_active = nullptr;    // uses the terminal
+  std::vector<ConsoleClaim*> m_claims;   // the last is the owner
+  ConsoleReader* m_active = nullptr;     // uses the terminal
+  const ConsoleClaim* m_loan = nullptr;  // or this does
   bool m_ended = false;
   condition_variable m_changed;
   ListenerList<> m_releases;  // called without the mutex
@@ -40,7 +42,7 @@ struct ConsoleOwnership {
     return !m_claims.empty() && m_claims.back() == claim;
   }
   bool MayGoOn(const ConsoleClaim* claim) const {
-    return m_ended || (IsOwner(claim) && m_active == nullptr);
+    return m_ended || (IsOwner(claim) && m_active == nullptr && m_loan == nullptr);
   }
 
   void Add(ConsoleClaim* claim, bool background) {
@@ -59,6 +61,7 @@ struct ConsoleOwnership {
       std::lock_guard lock(m_mutex);
       std::erase(m_claims, claim);
       if (m_active == claim) m_active = nullptr;
+      if (m_loan == claim) m_loan = nullptr;
       m_changed.notify_all();
       if (!m_claims.empty()) return;
     }
@@ -108,6 +111,19 @@ ConsoleHold::ConsoleHold() {
 }
 
 ConsoleHold::~ConsoleHold() {
+  LATTIX_ASSERT(m_thread == std::this_thread::get_id());
+  ConsoleOwnership::Get().Remove(this);
+}
+
+ConsoleLoan::ConsoleLoan() {
+  ConsoleOwnership& ownership = ConsoleOwnership::Get();
+  std::unique_lock lock(ownership.m_mutex);
+  ownership.Add(this, true);
+  ownership.m_changed.wait(lock, [&] { return ownership.MayGoOn(this); });
+  ownership.m_loan = this;
+}
+
+ConsoleLoan::~ConsoleLoan() {
   LATTIX_ASSERT(m_thread == std::this_thread::get_id());
   ConsoleOwnership::Get().Remove(this);
 }

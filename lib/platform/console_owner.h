@@ -61,6 +61,15 @@ class ConsoleHold : ConsoleClaim {
   ~ConsoleHold();
 };
 
+// Leaves the console to a program of its own as long as the object lives: everybody else's readers
+// wait until it has gone, holds too. Returns from construction when the terminal can be left to the
+// program, or input has ended. Destroyed by the thread that made it.
+class ConsoleLoan : ConsoleClaim {
+ public:
+  ConsoleLoan();
+  ~ConsoleLoan();
+};
+
 // One who reads standard input. Used from one thread at a time: Begin, waits, End.
 class ConsoleReader : ConsoleClaim, SignalObserver {
  public:

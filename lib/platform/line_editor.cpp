@@ -22,6 +22,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cwchar>
+#include <cwctype>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -30,12 +31,16 @@
 #include "lib/platform/always_magic.h"
 #include "lib/platform/assertion.h"
 #include "lib/platform/console_owner.h"
+#include "lib/platform/edit_context.h"
 
 namespace lattix {
 
 namespace {
 
 constexpr int kHistoryLines = 64;
+// Code points. What is typed beyond it is dropped, so that no key held down, and no stream without
+// a line end, uses up the memory.
+constexpr size_t kLongestLine = 4 << 20;
 constexpr char kContinuationPrompt[] = "> ";
 
 // The calling thread's locale while it edits.
@@ -81,6 +86,14 @@ std::string ToUtf8(std::wstring_view text) {
   utf8.reserve(text.size());
   for (const wchar_t c : text) AppendUtf8(&utf8, c);
   return utf8;
+}
+
+// In the calling thread's locale.
+std::wstring FromUtf8(const std::string& text) {
+  std::wstring wide(text.size(), L'\0');
+  const size_t n = std::mbstowcs(wide.data(), text.c_str(), wide.size());
+  wide.resize(n == static_cast<size_t>(-1) ? 0 : n);
+  return wide;
 }
 
 int ColumnsOf(std::wstring_view text) {
@@ -140,7 +153,6 @@ class Utf8Decoder {
 class LineEditorImpl final : public LineEditor {
  public:
   explicit LineEditorImpl(const char* prompt);
-  ~LineEditorImpl() override;
   LineEditorImpl(const LineEditorImpl&) = delete;
   LineEditorImpl& operator=(const LineEditorImpl&) = delete;
 
@@ -169,7 +181,6 @@ class LineEditorImpl final : public LineEditor {
   };
 
   static LineEditorImpl* Of(EditLine* editor);
-  static char* Prompt(EditLine* editor) { return Of(editor)->m_prompt.data(); }
   static int ReadKey(EditLine* editor, wchar_t* key);
 
   // Reads and edits a line; it is the library's until the next one.
@@ -178,7 +189,7 @@ class LineEditorImpl final : public LineEditor {
   bool LendConsole();
   void KeepMode(const termios& found);
   void LeaveLine();
-  void Remember(int operation, const std::wstring& line);
+  bool HasRoomFor(wchar_t key);
 
   using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
 
@@ -186,12 +197,13 @@ class LineEditorImpl final : public LineEditor {
   // Standard output again, but buffered: the library writes byte by byte and flushes before it
   // waits for a key, and what other threads log must not get between the bytes of a prompt.
   Stream m_screen;
-  EditLine* m_editor = nullptr;
-  HistoryW* m_history = nullptr;
+  std::unique_ptr<EditContext> m_context;
+  EditLine* m_editor = nullptr;  // the context's
   std::string m_prompt;
   ConsoleReader m_reader;
   const bool m_terminal;         // the library edits; without one it just collects the keys
   bool m_editing = false;        // between the first and the last key of a line
+  size_t m_keys = 0;             // since the first one
   Byte m_outcome = Byte::kRead;  // of the last attempt to read a key
 };
 
@@ -204,21 +216,10 @@ LineEditorImpl::LineEditorImpl(const char* prompt)
   const bool has_mode = tcgetattr(STDIN_FILENO, &found) == 0;
   // What the library binds to the letters of Latin-1, inserting them or a command, is decided here.
   const Utf8Locale locale;
-  m_editor = el_init("orvex", stdin, m_screen.get(), stderr);
-  if (m_editor == nullptr) throw std::bad_alloc();
-  el_set(m_editor, EL_CLIENTDATA, this);
-  el_set(m_editor, EL_PROMPT, &LineEditorImpl::Prompt);
+  m_context = std::make_unique<EditContext>("orvex", m_screen.get(), kHistoryLines, this);
+  m_editor = m_context->editor();
   el_set(m_editor, EL_GETCFN, &LineEditorImpl::ReadKey);
-  el_set(m_editor, EL_EDITOR, "emacs");
   if (has_mode) KeepMode(found);
-  m_history = history_winit();
-  if (m_history == nullptr) {
-    el_end(m_editor);
-    throw std::bad_alloc();
-  }
-  HistEventW event;
-  history_w(m_history, &event, H_SETSIZE, kHistoryLines);
-  el_wset(m_editor, EL_HIST, history_w, m_history);
 }
 
 // Between two lines the library gives the terminal a mode with echo, lines and job control, unless
@@ -247,16 +248,8 @@ void LineEditorImpl::KeepMode(const termios& found) {
   tcsetattr(STDIN_FILENO, TCSADRAIN, &found);
 }
 
-LineEditorImpl::~LineEditorImpl() {
-  el_end(m_editor);
-  history_wend(m_history);
-}
-
 LineEditorImpl* LineEditorImpl::Of(EditLine* editor) {
-  void* data = nullptr;
-  el_get(editor, EL_CLIENTDATA, &data);
-  CheckPointer(data);
-  auto* const self = static_cast<LineEditorImpl*>(data);
+  auto* const self = static_cast<LineEditorImpl*>(EditContext::Of(editor)->owner());
   Magic::CheckMagic(&self->m_magic);
   return self;
 }
@@ -272,11 +265,20 @@ int LineEditorImpl::ReadKey(EditLine* editor, wchar_t* key) {
       if (self->m_outcome == Byte::kInterrupted) errno = EINTR;
       return -1;
     }
-    // Nobody else translates the line ends of a file that was written elsewhere, or of a terminal in
-    // raw mode whose output goes to a file.
+    // Nobody else translates the line ends of a file that was written elsewhere, or of a terminal
+    // in raw mode whose output goes to a file.
     if (byte == '\r' && !self->m_terminal) byte = '\n';
-    if (decoder.Add(byte, key)) return 1;
+    if (decoder.Add(byte, key) && self->HasRoomFor(*key)) return 1;
   }
+}
+
+bool LineEditorImpl::HasRoomFor(wchar_t key) {
+  ++m_keys;
+  if (std::iswcntrl(static_cast<wint_t>(key)) != 0) return true;
+  // Without a terminal the library has no line before its end. With one, a key may stand for many.
+  const LineInfoW* const line = el_wline(m_editor);
+  const size_t length = m_terminal ? static_cast<size_t>(line->lastchar - line->buffer) : m_keys;
+  return length < kLongestLine;
 }
 
 LineEditorImpl::Byte LineEditorImpl::NextByte(unsigned char* byte) {
@@ -319,9 +321,7 @@ void LineEditorImpl::LeaveLine() {
   winsize size = {};
   ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
   const int columns = size.ws_col > 0 ? size.ws_col : 80;
-  std::wstring prompt(m_prompt.size(), L'\0');
-  const size_t n = std::mbstowcs(prompt.data(), m_prompt.c_str(), prompt.size());
-  const int start = n == static_cast<size_t>(-1) ? 0 : ColumnsOf({prompt.data(), n});
+  const int start = ColumnsOf(m_context->prompt());
   const LineInfoW* const line = el_wline(m_editor);
   const int cursor = start + ColumnsOf({line->buffer, line->cursor});
   const int end = start + ColumnsOf({line->buffer, line->lastchar});
@@ -338,7 +338,9 @@ LineEditorImpl::Edited LineEditorImpl::Edit(ConsoleReader::Place place, std::wst
   };
   const Turn turn(&m_reader, place);
   const Utf8Locale locale;
+  m_context->BeginLine(FromUtf8(m_prompt));
   int count = 0;
+  m_keys = 0;
   m_editing = true;
   const wchar_t* const text = el_wgets(m_editor, &count);
   m_editing = false;
@@ -359,11 +361,6 @@ LineEditorImpl::Edited LineEditorImpl::Edit(ConsoleReader::Place place, std::wst
   return Edited::kLine;
 }
 
-void LineEditorImpl::Remember(int operation, const std::wstring& line) {
-  HistEventW event;
-  history_w(m_history, &event, operation, line.c_str());
-}
-
 bool LineEditorImpl::ReadLine(std::string* line) {
   std::wstring_view typed;
   Edited edited;
@@ -375,7 +372,7 @@ bool LineEditorImpl::ReadLine(std::string* line) {
   typed = StripNewlines(typed);
   if (typed.empty()) return true;
   *line = ToUtf8(typed);
-  Remember(H_ENTER, std::wstring(typed));
+  m_context->Remember(H_ENTER, std::wstring(typed));
   return true;
 }
 
@@ -407,7 +404,7 @@ void LineEditorImpl::Run(const LineHandler& handler) {
       // One entry for the whole command, with its line ends: recalled, it reads as it was typed.
       std::wstring entry(typed);
       if (continued) entry.insert(0, 1, L'\n');
-      Remember(continued ? H_APPEND : H_ENTER, entry);
+      m_context->Remember(continued ? H_APPEND : H_ENTER, entry);
     }
     if (more > 0) {
       m_prompt = kContinuationPrompt;

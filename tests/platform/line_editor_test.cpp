@@ -3,6 +3,7 @@
 
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -19,6 +20,7 @@
 namespace {
 
 using lattix::ConsoleHold;
+using lattix::ConsoleLoan;
 using lattix::LineEditor;
 using lattix::MakeLineEditor;
 
@@ -34,8 +36,7 @@ class Screen {
   }
 
   // Runs the function in a child on a terminal like the player's console.
-  void Start(const std::function<int()>& run) {
-    winsize size = {24, 40, 0, 0};
+  void Start(const std::function<int()>& run, winsize size = {24, 40, 0, 0}) {
     m_child = forkpty(&m_fd, nullptr, nullptr, &size);
     ASSERT_GE(m_child, 0);
     if (m_child == 0) {
@@ -166,7 +167,9 @@ TEST(LineEditor, EditsRecallsAndContinuesCommands) {
   screen.WaitFor("<>");
   screen.Type("bd\x1b[D\x1b[Dy\x05\x08z\r");  // cursor keys, end of line, backspace
   screen.WaitFor("<ybz>");
-  screen.Type("\xC3\xA9t\xC3\xA9 x\x1b" "by\r");  // letters whose codes are meta keys; Meta-B
+  screen.Type(
+      "\xC3\xA9t\xC3\xA9 x\x1b"
+      "by\r");  // letters whose codes are meta keys; Meta-B
   screen.WaitFor("<\xC3\xA9t\xC3\xA9|yx>");
   screen.Type("one \\\r");
   screen.WaitFor("> ");
@@ -178,6 +181,20 @@ TEST(LineEditor, EditsRecallsAndContinuesCommands) {
   screen.Type("\x10\r");  // one entry of the history holds the whole command
   screen.WaitFor("<one|two\r\nthree|four>");
   screen.Type("\x10\x10\x10\x10\r");
+  screen.WaitFor("<ybz>");
+  // Searching: given up, narrowed too far and ended by a cursor key, and from entry to entry.
+  screen.Type(
+      "ab\x12"
+      "dir 'a\x07"
+      "c\r");
+  screen.WaitFor("<abc>");
+  screen.Type(
+      "\x12"
+      "yxx\x7f\x1b[Da\r");
+  screen.WaitFor("<\xC3\xA9t\xC3\xA9|yax>");
+  screen.Type(
+      "\x12"
+      "y\x12\x12\x13\r");
   screen.WaitFor("<ybz>");
   screen.Type("exit\r");
   screen.WaitFor("ended");
@@ -206,6 +223,33 @@ TEST(LineEditor, AnInterruptAbandonsTheCommandThatIsTyped) {
   screen.WaitFor("<kept>");
   screen.WaitFor("Orvex> ");
   screen.Type("\x04");
+  screen.WaitFor("ended");
+  EXPECT_EQ(screen.WaitForEnd(), 0);
+}
+
+// What the editing library would do for these takes gigabytes or for ever.
+TEST(LineEditor, NeitherKeysNorTheTerminalsSizeStopTheConsole) {
+  Screen screen;
+  screen.Start(Shell, {65535, 65535, 0, 0});
+  screen.WaitFor("Orvex> ");
+  screen.Type("\x1bxsettc li 50000000\r");
+  screen.WaitFor("<settc|li|50000000>");
+  screen.Type(
+      "'"
+      R"(\(\(\(a\{1,255\}\)\{1,255\}\)\{1,255\}\))"
+      "\x1bp\r");
+  screen.WaitFor("<settc|li|50000000>");
+  screen.WaitFor("Orvex> ");
+  screen.Type(
+      "\x1b"
+      "99999y\r");
+  screen.WaitFor("yyy>");
+  screen.WaitFor("Orvex> ");
+  screen.Type(
+      "\x12"
+      "y[z\x03");
+  screen.WaitFor("Orvex> ");
+  screen.Type("exit\r");
   screen.WaitFor("ended");
   EXPECT_EQ(screen.WaitForEnd(), 0);
 }
@@ -247,6 +291,14 @@ TEST(LineEditor, TheDebuggerTakesTheConsoleAndReturnsItAsItWas) {
       }
     });
     shell->Run([&](int count, const char** words) {
+      if (count > 0 && std::string(words[0]) == "lend") {
+        const ConsoleLoan loan;
+        shell->Puts("lent\n");
+        std::string keys;
+        for (char key = 0; key != 'q' && read(0, &key, 1) == 1;) keys += key;
+        shell->Puts("[" + keys + "]\n");
+        return true;
+      }
       PrintWords(*shell, count, words);
       return count == 0 || std::string(words[0]) != "exit";
     });
@@ -275,6 +327,18 @@ TEST(LineEditor, TheDebuggerTakesTheConsoleAndReturnsItAsItWas) {
     screen.WaitFor("<half|typed|line>");
     screen.WaitFor("Orvex> ");
   }
+  // A program that the console has been left to keeps it.
+  screen.Type("lend\r");
+  screen.WaitFor("lent\r\n");
+  const size_t lent = screen.seen();
+  ASSERT_EQ(write(breaks[1], "b", 1), 1);
+  screen.Type("list\rq");
+  screen.WaitFor("[list\rq]");
+  EXPECT_GT(screen.text().find("Debugger> ", lent), screen.seen());
+  screen.WaitFor("Debugger> ");
+  screen.Type("continue\r");
+  screen.WaitFor("[continue]");
+  screen.WaitFor("Orvex> ");
   // A command that ends meanwhile brings no prompt; the end of input reaches both.
   ASSERT_EQ(write(breaks[1], "be", 2), 2);
   screen.WaitFor("Debugger> ");
