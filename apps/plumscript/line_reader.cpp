@@ -96,8 +96,6 @@ class EditingReader : public LineReader {
     ::el_set(m_editor, EL_GETCFN, &EditingReader::ReadKey);
     // What a Ctrl-D typed ahead, while the terminal was in line mode, reads as.
     ::el_set(m_editor, EL_BIND, "^@", "ed-ignore", nullptr);
-    // Ctrl-\ at the prompt would leave the terminal and the private root behind.
-    ::el_set(m_editor, EL_SETTY, "-d", "quit=", nullptr);
     BeginSession();
   }
 
@@ -117,6 +115,7 @@ class EditingReader : public LineReader {
     // quickly would still talk to line mode.
     g_editing = true;
     ::el_set(m_editor, EL_PREP_TERM, 1);
+    DisableQuitKey();
     int n = 0;
     const wchar_t* typed = ::el_wgets(m_editor, &n);
     g_editing = false;
@@ -137,6 +136,14 @@ class EditingReader : public LineReader {
 
  private:
   static constexpr int kHistoryLines = 1000;
+
+  // Ctrl-\ at the prompt would leave the editor's mode and the private root behind.
+  static void DisableQuitKey() {
+    termios mode;
+    if (::tcgetattr(STDIN_FILENO, &mode) != 0) return;
+    mode.c_cc[VQUIT] = _POSIX_VDISABLE;
+    ::tcsetattr(STDIN_FILENO, TCSADRAIN, &mode);
+  }
 
   // 1 with a character, 0 at the end, -1 to give the line up.
   static int ReadKey(EditLine* editor, wchar_t* key) {

@@ -7,6 +7,7 @@
 #include "hooks.h"
 #include "publicapis.h"
 #include "run.h"
+#include "run_debugger.h"
 
 namespace {
 
@@ -115,9 +116,11 @@ psStatus eval(psProc* p, int n, psTypedValue* args, psTypedValue* result) {
     *result = compileErrorList(p->domain, errors);
     return kPsOkay;
   }
+  const bool paused = DebugPauseStep(p);
   p->eval_depth++;
   const psStatus status = psRunAppended(p, start);
   p->eval_depth--;
+  if (paused) DebugResumeStep(p);
   if (status != kPsNormalEnd) reportEvalError(p, status, first_line);
   *result = psIntegerValue(status);
   return kPsOkay;

@@ -173,6 +173,19 @@ void DebugDetachSession(psProc* p) {
   p->debug_session = nullptr;
 }
 
+bool DebugPauseStep(psProc* p) {
+  const psDebugSession* s = p->debug_session;
+  if ((p->break_word.load() & kPsBreakStep) == 0) return false;
+  if (s == nullptr || s->show_source || s->show_disassembly) return false;
+  setStepFlag(p, false);
+  return true;
+}
+
+// The text may have run a program in which the operator has gone on without this step.
+void DebugResumeStep(psProc* p) {
+  if (p->debug_session != nullptr && p->debug_session->stepping == p) setStepFlag(p, true);
+}
+
 // --- Shells -----------------------------------------------------------------------------------
 
 psStatus DDShell(psProc* p) {

@@ -68,6 +68,11 @@ void DebugDeleteSession(psDebugSession* session);
 void DebugAttachSession(psProc* p, psDebugSession* session);
 void DebugDetachSession(psProc* p);
 
+// A step never stops inside evaluated text, so unless it traces it need not look at what runs
+// there. Pausing is true when there was such a step, which has to be resumed.
+bool DebugPauseStep(psProc* p);
+void DebugResumeStep(psProc* p);
+
 // The shells, called on the script's thread for a process that has stopped.
 psStatus DDShell(psProc* p);
 psStatus DDShellDumper(psProc* p);
