@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <new>
@@ -54,16 +55,22 @@ EditContext::EditContext(const char* program, FILE* screen, int history_lines, v
   el_set(m_editor, EL_EDITOR, "emacs");
   el_wset(m_editor, EL_HIST, history_w, m_history);
   el_wset(m_editor, EL_ADDFN, L"search-history", L"Search the history for a text", &OnSearchKey);
+  for (const wchar_t* key : {L"^R", L"^S"}) {
+    el_wset(m_editor, EL_BIND, key, L"search-history", nullptr);
+  }
   const struct {
-    const wchar_t* key;
+    wchar_t letter;
     const wchar_t* function;
-  } bindings[] = {
-      {L"^R", L"search-history"},   {L"^S", L"search-history"},   {L"^[p", L"ed-prev-history"},
-      {L"^[P", L"ed-prev-history"}, {L"^[n", L"ed-next-history"}, {L"^[N", L"ed-next-history"},
-      {L"^[x", L"ed-unassigned"},   {L"^[X", L"ed-unassigned"},
+  } meta_keys[] = {
+      {L'p', L"ed-prev-history"}, {L'P', L"ed-prev-history"}, {L'n', L"ed-next-history"},
+      {L'N', L"ed-next-history"}, {L'x', L"ed-unassigned"},   {L'X', L"ed-unassigned"},
   };
-  for (const auto& binding : bindings) {
-    el_wset(m_editor, EL_BIND, binding.key, binding.function, nullptr);
+  for (const auto& key : meta_keys) {
+    const wchar_t after_escape[] = {L'^', L'[', key.letter, 0};
+    el_wset(m_editor, EL_BIND, after_escape, key.function, nullptr);
+    // Where a character is a byte, it is the one with the high bit set, too.
+    const wchar_t single[] = {static_cast<wchar_t>(key.letter | 0x80), 0};
+    if (MB_CUR_MAX == 1) el_wset(m_editor, EL_BIND, single, key.function, nullptr);
   }
 }
 
