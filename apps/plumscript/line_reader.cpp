@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <cwctype>
 
 #include "apps/plumscript/host.h"
 #include "lib/platform/edit_context.h"
@@ -119,6 +120,7 @@ class EditingReader : public LineReader {
     int n = 0;
     const wchar_t* typed = ::el_wgets(m_editor, &n);
     g_editing = false;
+    m_context.EndLine();
     ::sigprocmask(SIG_SETMASK, &m_while_waiting, nullptr);
 
     if (m_interrupted || typed == nullptr) {
@@ -148,6 +150,7 @@ class EditingReader : public LineReader {
   // 1 with a character, 0 at the end, -1 to give the line up.
   static int ReadKey(EditLine* editor, wchar_t* key) {
     auto* const self = static_cast<EditingReader*>(lattix::EditContext::Of(editor)->owner());
+    self->m_context.BeforeKey();
     for (;;) {
       pollfd input = {STDIN_FILENO, POLLIN, 0};
       const int ready = ::ppoll(&input, 1, nullptr, &self->m_while_waiting);
@@ -166,6 +169,7 @@ class EditingReader : public LineReader {
         self->m_key_state = {};
         continue;  // no character of this locale
       }
+      if (self->m_context.IsFull() && std::iswcntrl(static_cast<wint_t>(*key)) == 0) continue;
       return 1;
     }
   }

@@ -14,10 +14,32 @@ namespace lattix {
 
 namespace {
 
-// The library keeps two images of the whole screen, so a terminal that claims 65535 x 65535 cells
-// would take gigabytes. These are beyond what a person can read.
-constexpr unsigned short kMostColumns = 2000;
-constexpr unsigned short kMostRows = 1000;
+// The library loses its place, and crashes, in a line that needs more rows than the terminal has.
+// So it is told of far more rows than there are, and of columns within reason, and no line may
+// weigh more than fits into the smallest such screen behind the longest prompt.
+constexpr unsigned short kRows = 2000;
+constexpr unsigned short kFewestColumns = 20;
+constexpr unsigned short kMostColumns = 500;
+constexpr unsigned short kUsualColumns = 80;
+constexpr size_t kHeaviestLine = kRows * kFewestColumns - 2000;
+
+// What a character takes on the screen at most: a row for a line end, and eight columns for what is
+// shown by its number, or as a tabulator.
+size_t WeightOf(wchar_t c) { return c == L'\n' ? kFewestColumns : c >= L' ' && c <= L'~' ? 1 : 8; }
+
+size_t WeightOf(std::wstring_view text) {
+  size_t weight = 0;
+  for (const wchar_t c : text) weight += WeightOf(c);
+  return weight;
+}
+
+// As much of the text as a line may have.
+std::wstring_view Bearable(std::wstring_view text) {
+  size_t weight = 0;
+  size_t n = 0;
+  while (n < text.size() && (weight += WeightOf(text[n])) <= kHeaviestLine) ++n;
+  return text.substr(0, n);
+}
 
 constexpr size_t kLongestPattern = 200;
 
@@ -38,8 +60,9 @@ void SetLine(EditLine* editor, const wchar_t* text) {
 
 EditContext::EditContext(const char* program, FILE* screen, int history_lines, void* owner)
     : m_owner(owner) {
-  BoundWindow();
+  PretendWindow();
   m_editor = el_init(program, stdin, screen, stderr);
+  RestoreWindow();
   m_history = history_winit();
   if (m_editor == nullptr || m_history == nullptr) {
     if (m_editor != nullptr) el_end(m_editor);
@@ -77,12 +100,6 @@ EditContext::EditContext(const char* program, FILE* screen, int history_lines, v
 EditContext::~EditContext() {
   el_end(m_editor);
   history_wend(m_history);
-  // Unless the size has changed since, by whoever owns the terminal.
-  winsize window = {};
-  if (m_bounded && ioctl(STDIN_FILENO, TIOCGWINSZ, &window) == 0 &&
-      std::memcmp(&window, &m_given, sizeof window) == 0) {
-    ioctl(STDIN_FILENO, TIOCSWINSZ, &m_claimed);
-  }
 }
 
 EditContext* EditContext::Of(EditLine* editor) {
@@ -92,26 +109,53 @@ EditContext* EditContext::Of(EditLine* editor) {
   return static_cast<EditContext*>(data);
 }
 
-// The library asks the terminal for its size before every line and cannot be told another one.
-void EditContext::BoundWindow() {
+// The library asks the terminal for its size when it begins a line, and cannot be told another one.
+void EditContext::PretendWindow() {
+  if (m_pretends || ioctl(STDIN_FILENO, TIOCGWINSZ, &m_window) != 0) return;
+  m_pretended = m_window;
+  m_pretended.ws_row = kRows;
+  m_pretended.ws_col = std::clamp(m_window.ws_col != 0 ? m_window.ws_col : kUsualColumns,
+                                  kFewestColumns, kMostColumns);
+  m_pretends = ioctl(STDIN_FILENO, TIOCSWINSZ, &m_pretended) == 0;
+}
+
+void EditContext::RestoreWindow() {
+  if (!m_pretends) return;
+  m_pretends = false;
+  // Unless somebody has changed it meanwhile.
   winsize window = {};
-  if (ioctl(STDIN_FILENO, TIOCGWINSZ, &window) != 0) return;
-  if (window.ws_col <= kMostColumns && window.ws_row <= kMostRows) return;
-  m_claimed = window;
-  m_given = window;
-  m_given.ws_col = std::min(window.ws_col, kMostColumns);
-  m_given.ws_row = std::min(window.ws_row, kMostRows);
-  m_bounded = ioctl(STDIN_FILENO, TIOCSWINSZ, &m_given) == 0;
+  ioctl(STDIN_FILENO, TIOCGWINSZ, &window);
+  if (std::memcmp(&window, &m_pretended, sizeof window) != 0) return;
+  ioctl(STDIN_FILENO, TIOCSWINSZ, &m_window);
 }
 
 void EditContext::BeginLine(std::wstring_view prompt) {
   m_prompt = prompt;
-  BoundWindow();
+  PretendWindow();
+}
+
+void EditContext::EndLine() { RestoreWindow(); }
+
+void EditContext::BeforeKey() {
+  RestoreWindow();
+  const LineInfoW* const line = el_wline(m_editor);
+  const std::wstring_view text(line->buffer, static_cast<size_t>(line->lastchar - line->buffer));
+  m_full = false;
+  if (text.size() * kFewestColumns < kHeaviestLine) return;
+  const size_t weight = WeightOf(text);
+  m_full = weight + kFewestColumns > kHeaviestLine;
+  // What has been put in at once, by a number before a key or from the history, may be too much.
+  if (weight <= kHeaviestLine) return;
+  SetLine(m_editor, std::wstring(Bearable(text)).c_str());
+  el_wset(m_editor, EL_REFRESH);
 }
 
 void EditContext::Remember(int operation, const std::wstring& line) {
+  const size_t weight = WeightOf(line) + (operation == H_APPEND ? m_newest_weight : 0);
+  if (operation == H_APPEND && weight > kHeaviestLine) return;
+  m_newest_weight = weight;
   HistEventW event;
-  history_w(m_history, &event, operation, line.c_str());
+  history_w(m_history, &event, operation, std::wstring(Bearable(line)).c_str());
 }
 
 // --- Searching --------------------------------------------------------------------------------

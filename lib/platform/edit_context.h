@@ -4,7 +4,8 @@
 // The keys are the library's for emacs, except for those behind which there is no bound to time and
 // memory: its searches run what is typed as a regular expression at every place of every line, and
 // its command line resizes the library's own tables. Ctrl-R and Ctrl-S search the history for plain
-// text instead, M-p and M-n go through it as Ctrl-P and Ctrl-N do, and M-x does nothing.
+// text instead, M-p and M-n go through it as Ctrl-P and Ctrl-N do, and M-x does nothing. A line has
+// at most about 38000 columns.
 #pragma once
 
 #include <histedit.h>
@@ -32,8 +33,12 @@ class EditContext {
   HistoryW* history() { return m_history; }
   void* owner() { return m_owner; }
 
-  // To be called before each line is read.
+  // To be called around the library's reading of a line, and before each key of it is waited for.
   void BeginLine(std::wstring_view prompt);
+  void EndLine();
+  void BeforeKey();
+  // Whether the line has become as long as it may be: what is typed has to be dropped.
+  bool IsFull() const { return m_full; }
   // What stands before the line, which during a search is what is searched for.
   const std::wstring& prompt() const { return m_prompt; }
   // H_ENTER or H_APPEND.
@@ -42,17 +47,19 @@ class EditContext {
  private:
   static unsigned char OnSearchKey(EditLine* editor, wint_t key);
   unsigned char Search(bool older);
-  void BoundWindow();
+  void PretendWindow();
+  void RestoreWindow();
   const wchar_t* Find(const std::wstring& text, bool older, int* entry);
 
   EditLine* m_editor = nullptr;
   HistoryW* m_history = nullptr;
   void* const m_owner;
   std::wstring m_prompt;
-  // A size beyond bounds, and the one that the terminal has been given instead until this goes.
-  bool m_bounded = false;
-  winsize m_claimed = {};
-  winsize m_given = {};
+  bool m_full = false;
+  size_t m_newest_weight = 0;  // of the newest entry in the history
+  bool m_pretends = false;     // the terminal has the size that is pretended instead of its own
+  winsize m_window = {};
+  winsize m_pretended = {};
 };
 
 }  // namespace lattix

@@ -38,8 +38,8 @@ namespace lattix {
 namespace {
 
 constexpr int kHistoryLines = 64;
-// Code points. What is typed beyond it is dropped, so that no key held down, and no stream without
-// a line end, uses up the memory.
+// Code points of a line that is not edited. What is more is dropped, so that no stream without a
+// line end uses up the memory.
 constexpr size_t kLongestLine = 4 << 20;
 constexpr char kContinuationPrompt[] = "> ";
 
@@ -257,6 +257,7 @@ LineEditorImpl* LineEditorImpl::Of(EditLine* editor) {
 // 1 with a key, -1 at the end of input and for an interrupt.
 int LineEditorImpl::ReadKey(EditLine* editor, wchar_t* key) {
   Utf8Decoder decoder;
+  if (Of(editor)->m_terminal) Of(editor)->m_context->BeforeKey();
   for (;;) {
     LineEditorImpl* const self = Of(editor);
     unsigned char byte;
@@ -275,10 +276,7 @@ int LineEditorImpl::ReadKey(EditLine* editor, wchar_t* key) {
 bool LineEditorImpl::HasRoomFor(wchar_t key) {
   ++m_keys;
   if (std::iswcntrl(static_cast<wint_t>(key)) != 0) return true;
-  // Without a terminal the library has no line before its end. With one, a key may stand for many.
-  const LineInfoW* const line = el_wline(m_editor);
-  const size_t length = m_terminal ? static_cast<size_t>(line->lastchar - line->buffer) : m_keys;
-  return length < kLongestLine;
+  return m_terminal ? !m_context->IsFull() : m_keys < kLongestLine;
 }
 
 LineEditorImpl::Byte LineEditorImpl::NextByte(unsigned char* byte) {
@@ -344,6 +342,7 @@ LineEditorImpl::Edited LineEditorImpl::Edit(ConsoleReader::Place place, std::wst
   m_editing = true;
   const wchar_t* const text = el_wgets(m_editor, &count);
   m_editing = false;
+  m_context->EndLine();
   if (m_outcome == Byte::kInterrupted) {
     if (m_terminal) {
       Puts("^C");

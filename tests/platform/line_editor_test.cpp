@@ -196,6 +196,14 @@ TEST(LineEditor, EditsRecallsAndContinuesCommands) {
       "\x12"
       "y\x12\x12\x13\r");
   screen.WaitFor("<ybz>");
+  // More than the screen holds.
+  const std::string more(200, 'm');
+  screen.Type(std::string(1000, 'l'));
+  screen.Type("\x01\x05");
+  screen.Type(more);
+  screen.Type("\r");
+  screen.WaitFor("l" + more + ">");
+  screen.WaitFor("Orvex> ");
   screen.Type("exit\r");
   screen.WaitFor("ended");
   EXPECT_EQ(screen.WaitForEnd(), 0);
@@ -243,7 +251,7 @@ TEST(LineEditor, NeitherKeysNorTheTerminalsSizeStopTheConsole) {
   screen.Type(
       "\x1b"
       "99999y\r");
-  screen.WaitFor("yyy>");
+  screen.WaitFor("yyy>");  // as many as a line may have
   screen.WaitFor("Orvex> ");
   screen.Type(
       "\x12"
