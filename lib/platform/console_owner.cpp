@@ -98,6 +98,10 @@ std::optional<ssize_t> ReadUnclaimedConsole(void* buffer, size_t size) {
   ConsoleOwnership& ownership = ConsoleOwnership::Get();
   std::lock_guard lock(ownership.m_mutex);
   if (ownership.m_ended || !ownership.m_claims.empty()) return std::nullopt;
+  // What the caller's poll saw may have been taken meanwhile: by another caller, by a claim that
+  // has gone again, or by the terminal, which drops its input at an interrupt.
+  pollfd input = {STDIN_FILENO, POLLIN, 0};
+  if (poll(&input, 1, 0) <= 0) return std::nullopt;
   return read(STDIN_FILENO, buffer, size);
 }
 

@@ -31,8 +31,8 @@ bool IsConsoleRead();
 
 // Whether somebody has claimed the console, or its input has been ended.
 bool IsConsoleClaimed();
-// Reads what there is on standard input, unless the console is claimed; to be called when a read
-// does not block. The result and errno of read(2); none, and nothing read, when it is claimed.
+// Reads what there is on standard input, unless the console is claimed. The result and errno of
+// read(2); none, and nothing read, when it is claimed or there is nothing to read.
 std::optional<ssize_t> ReadUnclaimedConsole(void* buffer, size_t size);
 // Called when the last claim has gone, on the thread that had it.
 ListenerList<>& ConsoleReleases();

@@ -160,10 +160,12 @@ TEST_F(ConsoleTest, AVanishedTerminalEndsThePlayer) {
   EXPECT_EQ(42, player->Finish());
 }
 
-// A script reads what nobody's prompt takes; a console that is closed under it ends the process.
+// A script reads what nobody's prompt takes, and a second object does not wait for what the first
+// has taken; a console that is closed under it ends the process.
 TEST_F(ConsoleTest, AScriptReadsLinesUntilTheConsoleIsClosed) {
   Write("/storage/sd/console.plm", R"(Sub Main()
   console = CreateObject("koConsole")
+  second = CreateObject("koConsole")
   port = CreateObject("koMessagePort")
   console.SetUserData("mine")
   console.SetLineEventPort(port)
