@@ -21,7 +21,9 @@ namespace {
 constexpr char kProgram[] = "orvex-media-probe";
 // A report is a few lines a stream; what a hostile file makes of it is cut off here.
 constexpr size_t kMaxReport = 1 << 20;
-constexpr std::chrono::seconds kPatience{2};
+// A medium that is failing holds even a killed program for as long as its driver tries again. One
+// that is still there after this long is an assertion.
+constexpr std::chrono::seconds kPatience{60};
 
 // Everything the program writes; false when that is more than the limit.
 bool ReadAll(int fd, const InterruptWait& wait, std::string* text) {
