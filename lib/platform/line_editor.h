@@ -27,7 +27,8 @@ class LineEditor {
   // The words of a command, words[0] the command itself. False ends the loop.
   using LineHandler = std::function<bool(int count, const char** words)>;
 
-  // Reads one line, without its end; any length. False at the end of input.
+  // Reads one line, without its end; what goes beyond four million characters, or at a terminal
+  // beyond what EditContext bears, is dropped. False at the end of input.
   virtual bool ReadLine(std::string* line) = 0;
   // Reads commands and calls the handler for each, until it returns false or input ends. A command
   // is split at blanks; quotes ('...' and "...") and backslashes keep blanks in a word, and go on
