@@ -131,6 +131,11 @@ void Host::InstallHooks() {
     }
     return OpenBeneathDrive(native, flags, mode).Release();
   };
+  // A file that holds no text is all that the compiler would say of it.
+  hooks.decipherSource = [](const std::string&, std::string*) {
+    Out().Error("Enciphered scripts run on a player only, which has the keys\n");
+    return false;
+  };
   hooks.beforeBlocking = [] { Out().Flush(); };
   hooks.enableZoneSupport = [](bool enable) { g_host->m_globals.EnableZoneSupport(enable); };
   psInstallHooks(hooks);
