@@ -3,7 +3,6 @@
 
 #include <string>
 
-// The phrase of a status code ("Not found"), as this system words it; for a code that has none
-// "HTTP
-// {:03} error\n", line break included. Callable from any thread.
+// The phrase of a status code ("Not found"), as this system words it. For a code that has none
+// "HTTP {:03} error\n", line break included. Callable from any thread.
 std::string HttpReason(int code);
