@@ -10,6 +10,7 @@
 #include "hooks.h"
 #include "run.h"
 #include "run_debugger.h"
+#include "run_decode.h"
 
 namespace {
 
@@ -19,6 +20,8 @@ void* host_context = nullptr;
 constexpr size_t kShortFileName = 32;
 
 void dropModule(psProc* p) {
+  // It points into the module's code, and tells that code by addresses that the next may get again.
+  p->step_form.reset();
   if (p->mod != nullptr) modFree(p->mod);
   p->mod = nullptr;
 }
