@@ -230,6 +230,41 @@ INSTANTIATE_TEST_SUITE_P(Scripts, EitherForm, testing::ValuesIn(Scripts()), [](c
   return name;
 });
 
+// The rest of a line that a break or an error has stopped in the middle of may run in another form
+// than its beginning.
+TEST_F(VmTest, GoesOnAlikeWhereverItStopped) {
+  const std::string text =
+      "sub main()\n"
+      "d# = 1.5 : none = 0 : o = {} : a = [0, 0] : s = \"s\" + \"\"\n"
+      "for i = 1 to 2\n"
+      "o[stri(i)] = d# * 2.5\na[val(\"1\")] = d# + i\ns = s + stri(i) + str(d# * i)\n"
+      "x = i / none\nprint o; a; s; x; d#\ny = d# / none\nprint y\n"
+      "next\nend sub\n";
+  const std::unique_ptr<psDebugSession, void (*)(psDebugSession*)> session(
+      DebugCreateSession(nullptr, &m_io), DebugDeleteSession);
+  session->shell = [](psProc* p) -> psStatus {
+    p->break_word &= ~kPsBreakStep;
+    if (p->last_status != kPsBreak || p->turns_left != 0) return kPsOkay;
+    psSetTurnLimit(p, 100'000);
+    p->break_word |= kPsBreakStep;
+    return kPsOkay;
+  };
+  session->step_hook = nullptr;
+  m_session = session.get();
+  psSetFusion(false);
+  ASSERT_TRUE(Compile(text));
+  const Outcome plain = RunMain();
+  EXPECT_TRUE(plain.ended_well);
+  psSetFusion(true);
+  for (uint64_t turns = 0; turns < 40; turns++) {
+    ASSERT_TRUE(Compile(text));
+    psSetTurnLimit(m_process, turns);
+    EXPECT_EQ(plain, RunMain()) << turns;
+    m_process->break_word = 0;
+  }
+  m_session = nullptr;
+}
+
 // --- Breaks -----------------------------------------------------------------------------------
 
 struct Endless {

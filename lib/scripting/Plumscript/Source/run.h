@@ -123,7 +123,8 @@ void psEndFrame(psProc* p);
 // --- Operators (run_operators.cpp) ------------------------------------------------------------
 
 // The binary operators, by opcode byte. Both operands are consumed whatever the outcome; result may
-// be one of them. On failure the result is Invalid.
+// be one of them. On failure the result is Invalid, but Float 0 where a Float or an Integer was
+// divided by zero.
 psStatus DoOperator(pscDomain* domain, psTypedValue* a, psTypedValue* b, uint8_t op,
                     psTypedValue* result);
 psStatus DoIntegerOperator(int64_t x, int64_t y, uint8_t op, psTypedValue* result);

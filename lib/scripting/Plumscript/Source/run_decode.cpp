@@ -132,7 +132,8 @@ class Decoder {
   bool follows(size_t i, psFastOp op) const { return free(i) && steps_[i].op == op; }
   bool isBinaryAt(size_t i) const { return free(i) && isBinary(steps_[i].opcode); }
   bool isConstant(size_t i) const { return is(i, kFastPushK) || is(i, kFastPushDouble); }
-  bool consumerTakesRawDouble(size_t producer) const;
+  enum class Box { kNew, kKept };
+  bool consumerTakesRawDouble(size_t producer, Box box = Box::kNew) const;
   void setJump(uint32_t target_pc) { jumps_.push_back({form_->code.size() - 1, target_pc}); }
   void resolveJumps();
   size_t chainEnd(size_t first) const;
@@ -420,8 +421,9 @@ psInstruction& Decoder::add(psFastOp op, size_t first, size_t failing, size_t la
 
 // Whether the double that a step leaves on the stack goes straight into an operator or a store that
 // can take it without a box. Follows the code in a line; anything that could come from or go
-// elsewhere ends the search.
-bool Decoder::consumerTakesRawDouble(size_t producer) const {
+// elsewhere ends the search. A box that a container keeps is worth more than its number to whoever
+// stores it: both share it then, and the value tells its type as the container's does.
+bool Decoder::consumerTakesRawDouble(size_t producer, Box box) const {
   constexpr size_t kSearch = 48;
   int above = 1;  // entries from the value to the top, itself included
   for (size_t i = producer + 1; i < steps_.size() && i < producer + kSearch; i++) {
@@ -431,12 +433,12 @@ bool Decoder::consumerTakesRawDouble(size_t producer) const {
     if (e.pops >= above) {
       if (isBinary(s.opcode)) return true;
       if (s.op == kFastConvertTop && s.a == psDouble) continue;
-      if (s.op == kFastPopL) return true;
+      if (s.op == kFastPopL) return box == Box::kNew;
       psFastOp hot;
       if (s.op == kFastCallGlobal && hotGlobal(s.x.function, &hot)) {
         return hot == kFastGlobalAbs || hot == kFastGlobalInt || hot == kFastGlobalSqr;
       }
-      if (!fusion_enabled) return false;
+      if (!fusion_enabled || box == Box::kKept) return false;
       if (s.op == kFastDotSet) return above == 2;
       return s.op == kFastArraySet && s.a == 1 && above == 3;
     }
@@ -576,7 +578,7 @@ size_t Decoder::fuse(size_t i) {
         psInstruction& ins = add(to_local ? kFastIndexLL_L : kFastIndexLL_S, i, i + 2, i + 2);
         ins.a = s.a;
         ins.b = steps_[i + 1].a;
-        ins.c = to_local ? steps_[i + 3].a : consumerTakesRawDouble(i + 2);
+        ins.c = to_local ? steps_[i + 3].a : consumerTakesRawDouble(i + 2, Box::kKept);
         return i + (to_local ? 4 : 3);
       }
       if (follows(i + 2, kFastArraySet) && steps_[i + 2].a == 1) {
@@ -598,7 +600,7 @@ size_t Decoder::fuse(size_t i) {
         psInstruction& ins = add(to_local ? kFastIndexLK_L : kFastIndexLK_S, i, i + 2, i + 2);
         ins.a = s.a;
         ins.x = steps_[i + 1].x;
-        ins.c = to_local ? steps_[i + 3].a : consumerTakesRawDouble(i + 2);
+        ins.c = to_local ? steps_[i + 3].a : consumerTakesRawDouble(i + 2, Box::kKept);
         return i + (to_local ? 4 : 3);
       }
       if (follows(i + 2, kFastArraySet) && steps_[i + 2].a == 1 && is(i + 1, kFastPushK)) {
@@ -612,14 +614,14 @@ size_t Decoder::fuse(size_t i) {
     if (follows(i + 1, kFastArray) && steps_[i + 1].a == 1) {
       psInstruction& ins = add(kFastIndexSL_S, i, i + 1, i + 1);
       ins.b = s.a;
-      ins.c = consumerTakesRawDouble(i + 1);
+      ins.c = consumerTakesRawDouble(i + 1, Box::kKept);
       return i + 2;
     }
     if (follows(i + 1, kFastDot)) {
       const bool to_local = follows(i + 2, kFastPopL);
       psInstruction& ins = add(to_local ? kFastDotL_L : kFastDotL_S, i, i + 1, i + 1);
       ins.a = s.a;
-      ins.c = to_local ? steps_[i + 2].a : consumerTakesRawDouble(i + 1);
+      ins.c = to_local ? steps_[i + 2].a : consumerTakesRawDouble(i + 1, Box::kKept);
       return i + (to_local ? 3 : 2);
     }
     if (follows(i + 1, kFastDotSet)) {
@@ -656,7 +658,7 @@ size_t Decoder::fuse(size_t i) {
     if (s.op == kFastPushK && follows(i + 1, kFastArray) && steps_[i + 1].a == 1) {
       psInstruction& ins = add(kFastIndexSK_S, i, i + 1, i + 1);
       ins.x = s.x;
-      ins.c = consumerTakesRawDouble(i + 1);
+      ins.c = consumerTakesRawDouble(i + 1, Box::kKept);
       return i + 2;
     }
     if (s.op == kFastPushK && follows(i + 1, kFastPopL)) {
@@ -666,7 +668,7 @@ size_t Decoder::fuse(size_t i) {
     }
   }
   if (s.op == kFastArray && s.a == 1) {
-    add(kFastIndexSS_S, i, i, i).c = consumerTakesRawDouble(i);
+    add(kFastIndexSS_S, i, i, i).c = consumerTakesRawDouble(i, Box::kKept);
     return i + 1;
   }
   if (s.op == kFastArraySet && s.a == 1) {

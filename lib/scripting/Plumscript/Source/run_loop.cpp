@@ -740,7 +740,7 @@ L_ArraySet : {
       NEXT;
     }
   }
-  CHECK(DoArraySet(sp, n));
+  CHECK(slowArraySet(p->domain, sp, n));
   NEXT;
 }
 

@@ -39,13 +39,15 @@
   sp += 1 - POPS_##MODE;                                                  \
   if (PS_UNLIKELY(status != kPsOkay)) goto failed;                        \
   NEXT;
-#define SLOW_TO_LOCAL(OP, MODE)                                                                   \
-  status = slowBinaryToLocal(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP, &locals[ip->c]); \
-  sp -= POPS_##MODE;                                                                              \
-  if (PS_UNLIKELY(status != kPsOkay)) {                                                           \
-    *sp++ = psInvalidValue();                                                                     \
-    goto failed;                                                                                  \
-  }                                                                                               \
+#define SLOW_TO_LOCAL(OP, MODE)                                                                  \
+  psTypedValue failed_result;                                                                    \
+  status = slowBinaryToLocal(p->domain, X_##MODE, Y_##MODE, OWN_##MODE, kOp##OP, &locals[ip->c], \
+                             &failed_result);                                                    \
+  sp -= POPS_##MODE;                                                                             \
+  if (PS_UNLIKELY(status != kPsOkay)) {                                                          \
+    moveValue(sp++, failed_result);                                                              \
+    goto failed;                                                                                 \
+  }                                                                                              \
   NEXT;
 
 #define DELIVER_S(MODE, SET, R) \

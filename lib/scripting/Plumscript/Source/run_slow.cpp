@@ -163,7 +163,8 @@ PS_NOINLINE psStatus slowBinary(pscDomain* domain, const psTypedValue* x, const 
 
 PS_NOINLINE psStatus slowBinaryToLocal(pscDomain* domain, const psTypedValue* x,
                                        const psTypedValue* y, unsigned own, uint8_t op,
-                                       psTypedValue* local) {
+                                       psTypedValue* local, psTypedValue* failed_result) {
+  *failed_result = psInvalidValue();
   double dx;
   double dy;
   double r;
@@ -190,7 +191,7 @@ PS_NOINLINE psStatus slowBinaryToLocal(pscDomain* domain, const psTypedValue* x,
   if (status == kPsOkay) {
     storeOver(local, result);
   } else {
-    ReleaseValue(&result);
+    *failed_result = result;
   }
   return status;
 }
@@ -267,15 +268,18 @@ PS_NOINLINE psStatus slowIndexSet(pscDomain* domain, const psTypedValue* contain
   psTypedValue operands[3] = {readValue(value), readValue(container), readValue(index)};
   if (!(own & kOwnLeft)) psRetainValue(&operands[1]);
   if (!(own & kOwnRight)) psRetainValue(&operands[2]);
-  if (psIs(operands[0], kPsRawDoubleFlag)) {
-    const psStatus status = boxRawDouble(domain, &operands[0]);
+  return slowArraySet(domain, operands, 1);
+}
+
+PS_NOINLINE psStatus slowArraySet(pscDomain* domain, psTypedValue* value, int n) {
+  if (psIs(*value, kPsRawDoubleFlag)) {
+    const psStatus status = boxRawDouble(domain, value);
     if (status != kPsOkay) {
-      ReleaseValue(&operands[1]);
-      ReleaseValue(&operands[2]);
+      releaseRange(value + 1, value + n + 2);
       return status;
     }
   }
-  return DoArraySet(operands, 1);
+  return DoArraySet(value, n);
 }
 
 PS_NOINLINE psStatus readMember(psTypedValue* slot, psName* name, bool another_dot) {

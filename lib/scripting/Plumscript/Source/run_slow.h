@@ -15,9 +15,11 @@ namespace ps_run {
 // The result of a binary operator goes to *result, which may be where an operand on the stack was.
 psStatus slowBinary(pscDomain* domain, const psTypedValue* x, const psTypedValue* y, unsigned own,
                     uint8_t op, bool raw, psTypedValue* result);
-// The same with a local variable as the destination.
+// The same with a local variable as the destination. A failure leaves the variable as it was; what
+// the plain operator would leave on the stack, which need not be Invalid, is in *failed_result.
 psStatus slowBinaryToLocal(pscDomain* domain, const psTypedValue* x, const psTypedValue* y,
-                           unsigned own, uint8_t op, psTypedValue* local);
+                           unsigned own, uint8_t op, psTypedValue* local,
+                           psTypedValue* failed_result);
 // Whether a comparison holds, for a jump that needs no Boolean.
 psStatus slowCompare(pscDomain* domain, const psTypedValue* x, const psTypedValue* y, unsigned own,
                      uint8_t op, bool* truth);
@@ -32,6 +34,8 @@ psStatus slowIndex(const psTypedValue* container, const psTypedValue* index, uns
                    psTypedValue* result);
 psStatus slowIndexSet(pscDomain* domain, const psTypedValue* container, const psTypedValue* index,
                       unsigned own, const psTypedValue* value);
+// The plain way, for a value, a container and n indexes on the stack.
+psStatus slowArraySet(pscDomain* domain, psTypedValue* value, int n);
 // object.name where no call follows; the object is consumed. another_dot: a further plain access
 // follows, which an absent member cannot satisfy.
 psStatus readMember(psTypedValue* slot, psName* name, bool another_dot);
